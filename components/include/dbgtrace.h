@@ -1,0 +1,94 @@
+/*
+ * dbgtrace.h - trace channels with per-channel verbosity (libdbgtrace.so).
+ *
+ * A component opens a named channel once (usually from a load hook) and keeps
+ * the handle. Before formatting a message it compares the message's level with
+ * the handle's nMaxLevel, so a silent channel costs one pointer test and one
+ * integer comparison. Levels are small integers; a message is printed when its
+ * level is less than or equal to the channel's nMaxLevel.
+ *
+ * Setting levels:
+ *   - environment, read when a channel is opened:
+ *       DBGTRACE_LEVEL=CFGFILELIB:7            one channel
+ *       DBGTRACE_LEVEL=3,CFGFILELIB:8          every channel at 3, one at 8
+ *   - at run time: DbgSetChannelLevel("CFGFILELIB", 7); the new level applies
+ *     to the next message, also for channels opened later.
+ *   A channel that no setting names starts at level 0: nothing is printed.
+ *
+ * Output: one line per message on stderr,
+ *     CHANNEL[LEVEL] function (file:line): text
+ *   or, after DbgSetOutput(), to the caller's callback. Null "%s" arguments
+ *   print as "(null)".
+ *
+ * Compiles as C99 and as C++.
+ */
+#ifndef DBGTRACE_H
+#define DBGTRACE_H
+
+#include "xtypes.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The record behind a channel handle. It belongs to the trace library;
+ * users only read nMaxLevel. */
+struct tagHDBG {
+    DWORD dwReserved;
+    int nMaxLevel;
+};
+typedef struct tagHDBG *HDBG;
+
+/* Highest accepted level; larger values are clamped to it. */
+#define DBG_LEVEL_MAX 9
+
+/* Opens (or finds) the channel szChannel and stores its handle in *phDbg.
+ * Returns 1 on success; 0 when an argument is null or the channel table
+ * (32 channels) is full, in which case *phDbg is set to NULL. */
+int _DoDbgInit(const char *szChannel, HDBG *phDbg);
+
+/* Formats and prints one message on the channel when nLevel <= nMaxLevel.
+ * szFunction, szFile and nLine say where the message comes from. A null
+ * hDbg prints nothing. Returns the number of characters of the text, or 0
+ * when nothing was printed. */
+int _DoDbgPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szFile, int nLine,
+                  const char *szFormat, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 6, 7)))
+#endif
+    ;
+
+/* Releases the caller's use of the channel and sets *phDbg to NULL.
+ * Returns 1, or 0 when phDbg is null. */
+int _DoDbgUninitEx(HDBG *phDbg, const char *szFunction, const char *szFile, int nLine);
+
+/* Reports a failed assertion on stderr (and to the output callback, if one is
+ * installed) as "ASSERTION FAILED: <expression> in <function> (<file>:<line>)"
+ * and then ends the process with abort(). It never returns. */
+void _DoAssert(const char *szExpression, const char *szFunction, const char *szFile, int nLine)
+#if defined(__GNUC__)
+    __attribute__((noreturn))
+#endif
+    ;
+
+/* Sets the level of a channel, opened or not yet opened. A negative level
+ * silences it. Returns 1, or 0 when szChannel is null or the table is full. */
+int DbgSetChannelLevel(const char *szChannel, int nLevel);
+
+/* Returns the level of a channel, or -1 when no channel has that name. */
+int DbgGetChannelLevel(const char *szChannel);
+
+/* Receives each printed message instead of stderr. szText is the formatted
+ * message as the component wrote it (normally ending in a newline). */
+typedef void (*DBG_OUTPUT_PROC)(void *pContext, const char *szChannel, int nLevel,
+                                const char *szFunction, const char *szFile, int nLine,
+                                const char *szText);
+
+/* Routes messages to pfnOutput (with pContext); NULL restores stderr. */
+void DbgSetOutput(DBG_OUTPUT_PROC pfnOutput, void *pContext);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* DBGTRACE_H */
