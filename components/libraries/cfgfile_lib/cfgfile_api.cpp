@@ -1,0 +1,1548 @@
+// cfgfile_api.cpp - CFGFILELIB: settings kept in INI-style text files.
+//
+// Every operation opens the file, works on it line by line in fixed buffers
+// on its own stack and closes it again; nothing is cached between calls and
+// nothing is allocated on the heap by this file (the C library's stream for
+// a temporary file is the one allocation, made by the C library itself).
+//
+// Layout of this file:
+//   1. frame: trace channel, load hooks, system-call seam
+//   2. files: reading lines, writing a temporary file, names beside a file
+//   3. the line grammar shared by the lookup, the writer and the deletions
+//   4. the lookup and the getters
+//   5. the safe rewrite, and the operations that change a file
+//   6. section enumeration, the prefixed-line search, group ownership
+
+#include "cfgfile_api.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "dbgtrace.h"
+#include "support_lib.h"
+
+// ---------------------------------------------------------------- 1. frame
+
+// The library's one trace channel; opened by the load hook.
+HDBG _g_hCfgFileLibDbg = nullptr;
+
+namespace {
+
+// Trace messages name this file, not the build path of the source.
+constexpr char kSourceFile[] = "cfgfile_api.cpp";
+
+} // namespace
+
+// The level test comes first, so a silent channel costs one pointer test and
+// one comparison, and no argument (errno text, ...) is worked out for nothing.
+#define CFG_TRACE_AS(szFunction, nLevel, ...)                                                      \
+    do {                                                                                           \
+        if (_g_hCfgFileLibDbg != nullptr && _g_hCfgFileLibDbg->nMaxLevel >= (nLevel))              \
+            _DoDbgPrintEx(_g_hCfgFileLibDbg, (nLevel), (szFunction), kSourceFile, __LINE__,        \
+                          __VA_ARGS__);                                                            \
+    } while (0)
+
+#define CFG_TRACE(nLevel, ...) CFG_TRACE_AS(__func__, nLevel, __VA_ARGS__)
+
+// _DoAssert ends the process, so an operation never goes on with what failed.
+#define CFG_ASSERT_AS(szFunction, condition)                                                       \
+    do {                                                                                           \
+        if (!(condition))                                                                          \
+            _DoAssert(#condition, (szFunction), kSourceFile, __LINE__);                            \
+    } while (0)
+
+__attribute__((constructor)) static void __CFGFILELIB_AutoInit() {
+    _DoDbgInit("CFGFILELIB", &_g_hCfgFileLibDbg);
+}
+
+__attribute__((destructor)) static void __CFGFILELIB_AutoShutdown() {
+    _DoDbgUninitEx(&_g_hCfgFileLibDbg, "__CFGFILELIB_AutoShutdown", kSourceFile, __LINE__);
+}
+
+// The system calls of a rewrite pass through Sys(). In the shipped library it
+// is the call itself. The test build (CFGFILE_FAULT_SEAM) counts the calls and
+// can fail the Nth one with a chosen errno, or kill the process right after it.
+#ifdef CFGFILE_FAULT_SEAM
+namespace {
+int g_nSeamCalls = 0;
+int g_nSeamTarget = 0;
+int g_nSeamErrno = 0;
+} // namespace
+
+// nCall: the call to act on (1 = first; 0 disarms). nErrno > 0: that call
+// fails with this errno; nErrno == 0: the process is killed after the call.
+extern "C" CFGFILE_API void CfgFileSeam_Arm(int nCall, int nErrno) {
+    g_nSeamCalls = 0;
+    g_nSeamTarget = nCall;
+    g_nSeamErrno = nErrno;
+}
+
+extern "C" CFGFILE_API int CfgFileSeam_Calls() { return g_nSeamCalls; }
+
+template <class Call, class Result> static Result Sys(Call call, Result failure) {
+    const bool bHit = ++g_nSeamCalls == g_nSeamTarget;
+    if (bHit && g_nSeamErrno > 0) {
+        errno = g_nSeamErrno;
+        return failure;
+    }
+    Result result = call();
+    if (bHit)
+        raise(SIGKILL);
+    return result;
+}
+#else
+template <class Call, class Result> static inline Result Sys(Call call, Result) { return call(); }
+#endif
+
+namespace {
+
+// ---------------------------------------------------------------- 2. files
+
+constexpr size_t kMaxFileNameLength = 246; // leaves room for ".tmp" in a 256-byte buffer
+constexpr size_t kPathBufferSize = 256;
+constexpr size_t kNameBufferSize = 80; // section and key names: 79 characters at most
+constexpr size_t kValueBufferSize = 256;
+constexpr size_t kLongLineBufferSize = 1200;
+constexpr size_t kShortLineBufferSize = 512;
+constexpr int kShortLineLength = 3; // reads of 3 bytes or fewer are "short lines"
+constexpr int kFileNotOpened = -2;  // internal: the rewrite could not open the file
+
+// Owns a file descriptor.
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd) : m_fd(fd) {}
+    FileDescriptor(const FileDescriptor &) = delete;
+    FileDescriptor &operator=(const FileDescriptor &) = delete;
+    ~FileDescriptor() { Close(); }
+
+    bool IsOpen() const { return m_fd >= 0; }
+    int Get() const { return m_fd; }
+    void Close() {
+        if (m_fd >= 0)
+            close(m_fd);
+        m_fd = -1;
+    }
+
+  private:
+    int m_fd;
+};
+
+// Opens a regular file for reading. A directory, FIFO or device is refused
+// (errno EISDIR or EINVAL) before anything reads from it, so a FIFO planted
+// at the file's name cannot block the caller.
+int OpenForReading(const char *szFileName) {
+    int fd = Sys([&] { return open(szFileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK); }, -1);
+    if (fd < 0)
+        return -1;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        const int nErr = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        close(fd);
+        errno = nErr;
+        return -1;
+    }
+    return fd;
+}
+
+// Reads a file line by line like fgets, through a block buffer of its own,
+// and tells the true length of every read, NUL bytes included.
+class LineReader {
+  public:
+    explicit LineReader(int fd) : m_fd(fd) {}
+
+    // Reads up to nCapacity - 1 bytes, stopping after a line feed, into
+    // szBuffer and terminates it. Returns the number of bytes read; 0 at the
+    // end of the file, after a read error, or when nCapacity < 2.
+    size_t ReadLine(char *szBuffer, size_t nCapacity) {
+        if (nCapacity < 2)
+            return 0;
+        size_t nLength = 0;
+        while (nLength < nCapacity - 1) {
+            if (m_nPos == m_nEnd && !Refill())
+                break;
+            const size_t nWanted = nCapacity - 1 - nLength;
+            const size_t nAvailable = m_nEnd - m_nPos < nWanted ? m_nEnd - m_nPos : nWanted;
+            const char *pcStart = m_block + m_nPos;
+            const void *pvNewline = memchr(pcStart, '\n', nAvailable);
+            const size_t nTake =
+                pvNewline ? static_cast<const char *>(pvNewline) - pcStart + 1 : nAvailable;
+            memcpy(szBuffer + nLength, pcStart, nTake);
+            m_nPos += nTake;
+            nLength += nTake;
+            if (pvNewline)
+                break;
+        }
+        szBuffer[nLength] = '\0';
+        return nLength;
+    }
+
+    bool Failed() const { return m_bFailed; }
+
+  private:
+    bool Refill() {
+        if (m_bFailed)
+            return false;
+        ssize_t nRead;
+        do {
+            nRead = Sys([&] { return read(m_fd, m_block, sizeof(m_block)); }, ssize_t(-1));
+        } while (nRead < 0 && errno == EINTR);
+        if (nRead < 0)
+            m_bFailed = true;
+        m_nPos = 0;
+        m_nEnd = nRead > 0 ? static_cast<size_t>(nRead) : 0;
+        return m_nEnd > 0;
+    }
+
+    int m_fd;
+    size_t m_nPos = 0;
+    size_t m_nEnd = 0;
+    bool m_bFailed = false;
+    char m_block[4096];
+};
+
+bool HoldsNul(const char *szLine, size_t nLength) { return strlen(szLine) != nLength; }
+
+// Writes a new file through a stream. A failed write is remembered, so that
+// Commit() - flush, fsync, close, each checked - can refuse a short file.
+class OutputFile {
+  public:
+    OutputFile() = default;
+    OutputFile(const OutputFile &) = delete;
+    OutputFile &operator=(const OutputFile &) = delete;
+    ~OutputFile() {
+        if (m_fp != nullptr)
+            fclose(m_fp);
+    }
+
+    // Creates szPath afresh with mode nMode: a leftover file or a symbolic
+    // link planted at the name is removed first, and O_EXCL|O_NOFOLLOW make
+    // sure the file opened is the one just created. Close-on-exec.
+    bool Create(const char *szPath, mode_t nMode, bool bReplaceLeftover) {
+        if (bReplaceLeftover)
+            Sys([&] { return unlink(szPath); }, -1);
+        const int fd = Sys(
+            [&] {
+                return open(szPath, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, nMode);
+            },
+            -1);
+        if (fd < 0)
+            return false;
+        m_fp = fdopen(fd, "w");
+        if (m_fp == nullptr) {
+            const int nErr = errno;
+            close(fd);
+            unlink(szPath);
+            errno = nErr;
+            return false;
+        }
+        return true;
+    }
+
+    FILE *Stream() const { return m_fp; }
+
+    bool Write(const char *pcData, size_t nLength) {
+        if (m_bFailed)
+            return false;
+        const size_t nWritten =
+            Sys([&] { return fwrite_unlocked(pcData, 1, nLength, m_fp); }, size_t(0));
+        if (nWritten != nLength) {
+            m_bFailed = true;
+            return false;
+        }
+        if (nLength > 0)
+            m_bAtLineStart = pcData[nLength - 1] == '\n';
+        return true;
+    }
+
+    bool Write(std::string_view text) { return Write(text.data(), text.size()); }
+
+    // Writes "<szKey>=<szValue>" and the line feeds given.
+    bool WriteKeyLine(const char *szKey, const char *szValue, std::string_view lineEnd) {
+        return Write(szKey) && Write("=") && Write(szValue) && Write(lineEnd);
+    }
+
+    bool AtLineStart() const { return m_bAtLineStart; }
+
+    // Flushes, syncs (when bSync) and closes the file; false when any of it,
+    // or any earlier write, failed.
+    bool Commit(bool bSync) {
+        bool bOk = !m_bFailed;
+        bOk = Sys([&] { return fflush(m_fp); }, EOF) == 0 && bOk;
+        if (bSync)
+            bOk = Sys([&] { return fsync(fileno(m_fp)); }, -1) == 0 && bOk;
+        bOk = Sys([&] { return fclose(m_fp); }, EOF) == 0 && bOk;
+        m_fp = nullptr;
+        return bOk;
+    }
+
+  private:
+    FILE *m_fp = nullptr;
+    bool m_bFailed = false;
+    bool m_bAtLineStart = true;
+};
+
+// Makes the renames in the directory of szPath durable.
+bool SyncDirectoryOf(const char *szPath) {
+    char szDirectory[kPathBufferSize];
+    CopyString(szDirectory, szPath, sizeof(szDirectory));
+    char *pcSlash = strrchr(szDirectory, '/');
+    if (pcSlash == nullptr)
+        CopyString(szDirectory, ".", sizeof(szDirectory));
+    else if (pcSlash == szDirectory)
+        pcSlash[1] = '\0';
+    else
+        *pcSlash = '\0';
+    FileDescriptor dir(open(szDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir.IsOpen())
+        return false;
+    return Sys([&] { return fsync(dir.Get()); }, -1) == 0;
+}
+
+// The path a rewrite works on: the file itself, or the target of a symbolic
+// link, so that the link stays a link and the companion files lie beside the
+// target, on its file system. False when the target's path is too long.
+bool ResolveRewriteTarget(const char *szFileName, char (&szTarget)[kPathBufferSize]) {
+    struct stat st;
+    if (lstat(szFileName, &st) != 0 || !S_ISLNK(st.st_mode))
+        return CopyString(szTarget, szFileName, sizeof(szTarget)) != 0;
+    char szResolved[PATH_MAX];
+    if (realpath(szFileName, szResolved) == nullptr) // dangling: work on the name itself
+        return CopyString(szTarget, szFileName, sizeof(szTarget)) != 0;
+    return strlen(szResolved) <= kMaxFileNameLength &&
+           CopyString(szTarget, szResolved, sizeof(szTarget)) != 0;
+}
+
+} // namespace
+
+// ------------------------------------------------------ 3. the line grammar
+//
+// A line is read with its line feed. Reads of 3 bytes or fewer are short
+// lines. After leading blanks (the space character only; a tab is text) a
+// "#" starts a comment line, a "[" a section line; any other line is a key
+// line when it holds "=". Names compare without regard to letter case.
+
+namespace {
+
+// Removes trailing blanks in place and returns the text after leading blanks.
+char *_TrimSpaces(char *szInput) {
+    char *pcStart = szInput;
+    int nLength = static_cast<int>(strlen(szInput));
+    while (*pcStart == ' ')
+        ++pcStart;
+    while (nLength > 0 && szInput[nLength - 1] == ' ')
+        szInput[--nLength] = '\0';
+    return pcStart;
+}
+
+char *SkipBlanks(char *pcText) {
+    while (*pcText == ' ')
+        ++pcText;
+    return pcText;
+}
+
+const char *SkipBlanks(const char *pcText) { return SkipBlanks(const_cast<char *>(pcText)); }
+
+// How one operation traces the examination of a section line.
+struct SectionLineTraces {
+    const char *szFunction;
+    const char *szFileName; // non-null: the lookup's message for a missing "]", naming the file
+    int nTrimmedLevel;      // level of "Trimmed section = ..."; 0: not traced
+};
+
+// Examines the section line whose "[" is at pcBracket. Returns the section's
+// name, trimmed, in szSectionBuffer; nullptr when the line names no section
+// (no "]", nothing or 80 characters and more between the brackets).
+char *ExamineSectionLine(const SectionLineTraces &traces, int iLineCount, const char *pcBracket,
+                         char (&szSectionBuffer)[kNameBufferSize]) {
+    const char *szFunction = traces.szFunction;
+    const char *pcMatch = strchr(pcBracket + 1, ']');
+    if (pcMatch == nullptr) {
+        if (traces.szFileName != nullptr)
+            CFG_TRACE_AS(szFunction, 4,
+                         "Line %d of file \"%s\" starts with '[' but there is no matching ']'.\n",
+                         iLineCount, traces.szFileName);
+        else
+            CFG_TRACE_AS(szFunction, 7, "line %d starts with '[' but there is no matching ']'.\n",
+                         iLineCount);
+        return nullptr;
+    }
+    const int nSectionLength = static_cast<int>(pcMatch - pcBracket - 1);
+    CFG_TRACE_AS(szFunction, 7, "Found end bracket line %d, section length=%d chars.\n", iLineCount,
+                 nSectionLength);
+    if (nSectionLength == 0) {
+        CFG_TRACE_AS(szFunction, 7, "line %d, no section string between '['  and ']'.\n",
+                     iLineCount);
+        return nullptr;
+    }
+    if (nSectionLength >= static_cast<int>(kNameBufferSize)) {
+        CFG_TRACE_AS(szFunction, 7, "line %d, section is too long (%d chars).\n", iLineCount,
+                     nSectionLength);
+        return nullptr;
+    }
+    memcpy(szSectionBuffer, pcBracket + 1, nSectionLength);
+    szSectionBuffer[nSectionLength] = '\0';
+    char *pcName = _TrimSpaces(szSectionBuffer);
+    if (traces.nTrimmedLevel > 0)
+        CFG_TRACE_AS(szFunction, traces.nTrimmedLevel, "Trimmed section = \"%s\".\n", pcName);
+    return pcName;
+}
+
+// The key of a key line: the text from pcKeyStart up to pcEquals without
+// blanks at either end, copied into szKeyNameBuffer. nullptr when the key
+// itself has 80 characters or more: no name a caller can look up is that
+// long, so such a line is treated as another key's.
+const char *ExtractKeyName(const char *pcKeyStart, const char *pcEquals,
+                           char (&szKeyNameBuffer)[kNameBufferSize]) {
+    std::string_view key(pcKeyStart, pcEquals - pcKeyStart);
+    while (!key.empty() && key.front() == ' ')
+        key.remove_prefix(1);
+    while (!key.empty() && key.back() == ' ')
+        key.remove_suffix(1);
+    if (key.size() >= kNameBufferSize)
+        return nullptr;
+    memcpy(szKeyNameBuffer, key.data(), key.size());
+    szKeyNameBuffer[key.size()] = '\0';
+    return szKeyNameBuffer;
+}
+
+// ------------------------------------------------ 4. the lookup and getters
+
+// Looks up the value of szKeyName in the first section named szSection.
+// On success szBuffer holds the trimmed value cut to *pnBuffSize - 1
+// characters (the rest of the buffer zero-filled) and *pnBuffSize becomes
+// the whole value's length + 1; otherwise neither is touched.
+// *pnBuffSize must be at least 1.
+int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyName,
+               char *szBuffer, size_t *pnBuffSize) {
+    int iRetCode = CFGFILE_FAILURE;
+    BOOL bInSection = FALSE;
+    int iLineCount = 0;
+    char szLineBuffer[kLongLineBufferSize];
+    char szSectionBuffer[kNameBufferSize];
+    char szKeyNameBuffer[kNameBufferSize];
+
+    FileDescriptor file(OpenForReading(szFileName));
+    if (!file.IsOpen()) {
+        const int nErr = errno;
+        CFG_TRACE(7, "Unable to open \"%s\", errno (%d): \"%s\".\n", szFileName, nErr,
+                  strerror_r(nErr, szLineBuffer, sizeof(szLineBuffer)));
+        iRetCode = CFGFILE_FILE_ACCESS;
+        CFG_TRACE(7, "Returning iRetCode=%d.\n", iRetCode);
+        return iRetCode;
+    }
+    CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
+
+    const SectionLineTraces sectionTraces{__func__, szFileName, 7};
+    LineReader reader(file.Get());
+    size_t nLineLength;
+    while ((nLineLength = reader.ReadLine(szLineBuffer, sizeof(szLineBuffer))) > 0) {
+        ++iLineCount;
+        CFG_TRACE(8, "Processing line %d.\n", iLineCount);
+        if (HoldsNul(szLineBuffer, nLineLength))
+            continue; // not text: never a section or key line
+        if (nLineLength <= kShortLineLength) {
+            CFG_TRACE(8, "Line %d is too short to be processed.\n", iLineCount);
+            continue;
+        }
+        if (nLineLength > sizeof(szLineBuffer) - 2) // the buffer is full
+            CFG_TRACE(4, "Line %d of file \"%s\" of %d chars might not have been read completely.\n",
+                      iLineCount, szFileName, static_cast<int>(nLineLength));
+        if (szLineBuffer[nLineLength - 1] != '\n')
+            CFG_TRACE(5, "Line %d of file \"%s\" of %d char is not terminated by new line character.\n",
+                      iLineCount, szFileName, static_cast<int>(nLineLength));
+        else
+            szLineBuffer[--nLineLength] = '\0';
+        if (nLineLength > 0 && szLineBuffer[nLineLength - 1] == '\r')
+            szLineBuffer[--nLineLength] = '\0';
+
+        char *pcLine = SkipBlanks(szLineBuffer);
+        // Comment line.
+        if (*pcLine == '#') {
+            CFG_TRACE(8, "Skipping comment line %d.\n", iLineCount);
+            continue;
+        }
+        // Section line: the next one after the requested section ends the search.
+        if (*pcLine == '[') {
+            CFG_TRACE(8, "Found section line %d.\n", iLineCount);
+            if (bInSection) {
+                CFG_TRACE(7, "Already in matching section returning error line %d.\n", iLineCount);
+                break;
+            }
+            const char *pcMatch =
+                ExamineSectionLine(sectionTraces, iLineCount, pcLine, szSectionBuffer);
+            if (pcMatch != nullptr && strcasecmp(szSection, pcMatch) == 0) {
+                bInSection = TRUE;
+                CFG_TRACE(7, "Found section.\n");
+            }
+            continue;
+        }
+        // Key line, looked at only inside the requested section.
+        if (!bInSection)
+            continue;
+        CFG_TRACE(8, "Found key=value line.\n");
+        char *pcEquals = strchr(pcLine, '=');
+        if (pcEquals == nullptr)
+            continue;
+        const char *pcTrimmedKeyName = ExtractKeyName(pcLine, pcEquals, szKeyNameBuffer);
+        if (pcTrimmedKeyName == nullptr)
+            continue;
+        CFG_TRACE(7, "key=\"%s\".\n", pcTrimmedKeyName);
+        if (strcasecmp(szKeyName, pcTrimmedKeyName) != 0)
+            continue;
+        CFG_TRACE(7, "key is a MATCH.\n");
+
+        const char *pcTrimmedKeyValue = _TrimSpaces(pcEquals + 1);
+        const size_t nValueLength = strlen(pcTrimmedKeyValue);
+        CFG_TRACE(8, "value length=%d.\n", static_cast<int>(nValueLength));
+        const size_t nCopy = nValueLength < *pnBuffSize ? nValueLength : *pnBuffSize - 1;
+        memcpy(szBuffer, pcTrimmedKeyValue, nCopy);
+        memset(szBuffer + nCopy, 0, *pnBuffSize - nCopy);
+        CFG_TRACE(8, "value is \"%s\" length=%d.\n", szBuffer, static_cast<int>(nValueLength));
+        *pnBuffSize = nValueLength + 1;
+        iRetCode = CFGFILE_SUCCESS;
+        break;
+    }
+    file.Close();
+    CFG_TRACE(7, "closed \"%s\".\n", szFileName);
+    if (iRetCode != CFGFILE_SUCCESS)
+        iRetCode = bInSection ? CFGFILE_KEY_NOT_FOUND : CFGFILE_SECTION_NOT_FOUND;
+    CFG_TRACE(7, "Returning iRetCode=%d.\n", iRetCode);
+    return iRetCode;
+}
+
+// The numeric and boolean getters are one family: each member names its
+// types, its conversion and its trace texts; GetTypedValue does the rest.
+struct IntFamily {
+    using Value = int;
+    using Converted = LONG;
+    static constexpr const char *kCalled =
+        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%d.\n";
+    static constexpr const char *kReturning = "Returning value %d.\n";
+    static constexpr const char *kReturningDefault = "Returning default value %d.\n";
+    static bool Convert(const char *szText, Converted *pnValue, Value) {
+        return StringToDecLONG(szText, pnValue) != 0;
+    }
+    static Value Narrow(Converted nValue) { return static_cast<int>(nValue); } // low 32 bits
+    static int Printable(Value nValue) { return nValue; }
+};
+
+struct UnsignedIntFamily {
+    using Value = unsigned int;
+    using Converted = ULONG;
+    static constexpr const char *kCalled =
+        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%u.\n";
+    static constexpr const char *kReturning = "Returning value %u.\n";
+    static constexpr const char *kReturningDefault = "Returning default value %u.\n";
+    static bool Convert(const char *szText, Converted *pnValue, Value) {
+        return StringToDecULONG(szText, pnValue) != 0;
+    }
+    static Value Narrow(Converted nValue) { return static_cast<unsigned int>(nValue); }
+    static unsigned int Printable(Value nValue) { return nValue; }
+};
+
+struct Int64Family {
+    using Value = INT64;
+    using Converted = INT64;
+    static constexpr const char *kCalled =
+        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%lld.\n";
+    static constexpr const char *kReturning = "Returning value %lld.\n";
+    static constexpr const char *kReturningDefault = "Returning default value %lld.\n";
+    static bool Convert(const char *szText, Converted *pnValue, Value) {
+        return StringToDecINT64(szText, pnValue) != 0;
+    }
+    static Value Narrow(Converted nValue) { return nValue; }
+    static long long Printable(Value nValue) { return nValue; }
+};
+
+struct FloatFamily {
+    using Value = float;
+    using Converted = float;
+    static constexpr const char *kCalled =
+        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pfValue=%p, fDefaultValue=%f.\n";
+    static constexpr const char *kReturning = "Returning value %f.\n";
+    static constexpr const char *kReturningDefault = "Returning default value %f.\n";
+    static bool Convert(const char *szText, Converted *pfValue, Value) {
+        return StringToFLOAT(szText, pfValue) != 0;
+    }
+    static Value Narrow(Converted fValue) { return fValue; }
+    static double Printable(Value fValue) { return fValue; }
+};
+
+// A text that names no truth value gives the caller's default: never a bad value.
+struct BooleanFamily {
+    using Value = BOOL;
+    using Converted = BOOL;
+    static constexpr const char *kCalled =
+        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pbValue=%p, bDefaultValue=%d.\n";
+    static constexpr const char *kReturning = "Returning bValue %d.\n";
+    static constexpr const char *kReturningDefault = "Returning default bValue %d.\n";
+    static bool Convert(const char *szText, Converted *pbValue, Value bDefaultValue) {
+        *pbValue = ConvertBooleanString(szText, bDefaultValue);
+        return true;
+    }
+    static Value Narrow(Converted bValue) { return bValue; }
+    static int Printable(Value bValue) { return bValue; }
+};
+
+template <class Family>
+int GetTypedValue(const char *szFunction, const char *szFileName, const char *szSection,
+                  const char *szKeyName, typename Family::Value *pValue,
+                  typename Family::Value defaultValue) {
+    int iRetCode = CFGFILE_BAD_PARAMETERS;
+    size_t nSize = kValueBufferSize;
+    char szBuffer[kValueBufferSize];
+
+    CFG_TRACE_AS(szFunction, 7, Family::kCalled, szFileName, szSection, szKeyName,
+                 static_cast<void *>(pValue), Family::Printable(defaultValue));
+    if (szFileName == nullptr || !IsValidString(szSection, kNameBufferSize) ||
+        !IsValidString(szKeyName, kNameBufferSize))
+        return iRetCode;
+
+    iRetCode = _ReadValue(szFileName, szSection, szKeyName, szBuffer, &nSize);
+    if (iRetCode == CFGFILE_SUCCESS) {
+        typename Family::Converted value{};
+        if (Family::Convert(szBuffer, &value, defaultValue)) {
+            if (pValue != nullptr) {
+                *pValue = Family::Narrow(value);
+                CFG_TRACE_AS(szFunction, 7, Family::kReturning, Family::Printable(*pValue));
+            }
+            return CFGFILE_SUCCESS;
+        }
+        iRetCode = CFGFILE_BAD_VALUE;
+    }
+    if (pValue != nullptr) {
+        *pValue = defaultValue;
+        CFG_TRACE_AS(szFunction, 7, Family::kReturningDefault, Family::Printable(defaultValue));
+    }
+    return iRetCode;
+}
+
+// The video getters trace nothing of their own.
+bool VideoArgumentsValid(const char *szFileName, const char *szSection, const char *szKeyName) {
+    return szFileName != nullptr && IsValidString(szSection, kNameBufferSize) &&
+           IsValidString(szKeyName, kNameBufferSize);
+}
+
+template <class Code>
+int GetVideoCode(const char *szFileName, const char *szSection, const char *szKeyName,
+                 Code *plValue, long lDefaultValue, long (*pfnConvert)(const char *, long)) {
+    size_t nSize = kValueBufferSize;
+    char szBuffer[kValueBufferSize];
+    if (!VideoArgumentsValid(szFileName, szSection, szKeyName))
+        return CFGFILE_BAD_PARAMETERS;
+    const int iRetCode = _ReadValue(szFileName, szSection, szKeyName, szBuffer, &nSize);
+    const long lValue = iRetCode == CFGFILE_SUCCESS ? pfnConvert(szBuffer, lDefaultValue)
+                                                    : lDefaultValue;
+    if (plValue != nullptr)
+        *plValue = static_cast<Code>(lValue);
+    return iRetCode;
+}
+
+} // namespace
+
+extern "C" {
+
+CFGFILE_API int CfgFile_GetStringValue(const char *szFileName, const char *szSection,
+                                       const char *szKeyName, char *szBuffer, size_t *pnBuffSize,
+                                       const char *szDefaultValue) {
+    int iRetCode = CFGFILE_BAD_PARAMETERS;
+    CFG_TRACE(7,
+              "Called, file=\"%s\" section=\"%s\", key=\"%s\" buffer=%p, buffsize=%p, "
+              "defaultval=\"%s\".\n",
+              szFileName, szSection, szKeyName, static_cast<void *>(szBuffer),
+              static_cast<void *>(pnBuffSize), szDefaultValue);
+    // A null or over-long default is refused like a bad name: it is copied
+    // and measured on every failure path.
+    if (szFileName == nullptr || szBuffer == nullptr || pnBuffSize == nullptr ||
+        *pnBuffSize == 0 || !IsValidString(szDefaultValue, kValueBufferSize) ||
+        !IsValidString(szSection, kNameBufferSize) || !IsValidString(szKeyName, kNameBufferSize)) {
+        CFG_TRACE(4, "Invalid parameters detected.\n");
+        return iRetCode;
+    }
+
+    iRetCode = _ReadValue(szFileName, szSection, szKeyName, szBuffer, pnBuffSize);
+    if (iRetCode == CFGFILE_SUCCESS) {
+        CFG_TRACE(7, "Returning value \"%s\" size=%d.\n", szBuffer, static_cast<int>(*pnBuffSize));
+        return iRetCode;
+    }
+    CopyString(szBuffer, szDefaultValue, *pnBuffSize);
+    *pnBuffSize = strlen(szDefaultValue) + 1;
+    CFG_TRACE(7, "Returning default value \"%s\" size=%d.\n", szBuffer,
+              static_cast<int>(*pnBuffSize));
+    return iRetCode;
+}
+
+CFGFILE_API int CfgFile_GetIntValue(const char *szFileName, const char *szSection,
+                                    const char *szKeyName, int *pnValue, int nDefaultValue) {
+    return GetTypedValue<IntFamily>(__func__, szFileName, szSection, szKeyName, pnValue,
+                                    nDefaultValue);
+}
+
+CFGFILE_API int CfgFile_GetUnsignedIntValue(const char *szFileName, const char *szSection,
+                                            const char *szKeyName, unsigned int *pnValue,
+                                            unsigned int nDefaultValue) {
+    return GetTypedValue<UnsignedIntFamily>(__func__, szFileName, szSection, szKeyName, pnValue,
+                                            nDefaultValue);
+}
+
+CFGFILE_API int CfgFile_GetInt64Value(const char *szFileName, const char *szSection,
+                                      const char *szKeyName, INT64 *pnValue, INT64 nDefaultValue) {
+    return GetTypedValue<Int64Family>(__func__, szFileName, szSection, szKeyName, pnValue,
+                                      nDefaultValue);
+}
+
+CFGFILE_API int CfgFile_GetFloatValue(const char *szFileName, const char *szSection,
+                                      const char *szKeyName, float *pfValue, float fDefaultValue) {
+    return GetTypedValue<FloatFamily>(__func__, szFileName, szSection, szKeyName, pfValue,
+                                      fDefaultValue);
+}
+
+CFGFILE_API int CfgFile_GetBooleanValue(const char *szFileName, const char *szSection,
+                                        const char *szKeyName, BOOL *pbValue, BOOL bDefaultValue) {
+    return GetTypedValue<BooleanFamily>(__func__, szFileName, szSection, szKeyName, pbValue,
+                                        bDefaultValue);
+}
+
+CFGFILE_API int CfgFile_GetVideoFormatValue(const char *szFileName, const char *szSection,
+                                            const char *szKeyName, VIDEO_FORMAT *plValue,
+                                            long lDefaultValue) {
+    return GetVideoCode(szFileName, szSection, szKeyName, plValue, lDefaultValue,
+                        ConvertVideoFormatString);
+}
+
+CFGFILE_API int CfgFile_GetVideoResolutionValue(const char *szFileName, const char *szSection,
+                                                const char *szKeyName, long *plValue,
+                                                long lDefaultValue) {
+    return GetVideoCode(szFileName, szSection, szKeyName, plValue, lDefaultValue,
+                        ConvertVideoResolutionString);
+}
+
+CFGFILE_API int CfgFile_GetVideoSizeValues(const char *szFileName, const char *szSection,
+                                           const char *szKeyName, UINT *pnWidth, UINT nDefaultWidth,
+                                           UINT *pnHeight, UINT nDefaultHeight) {
+    constexpr unsigned long kMarker = 0x8000000000000000UL;
+    size_t nSize = kValueBufferSize;
+    char szBuffer[kValueBufferSize];
+    const long lDefaultResolution = static_cast<long>(
+        ((static_cast<unsigned long>(nDefaultWidth) << 22) & 0x7FFC00000UL) |
+        ((static_cast<unsigned long>(nDefaultHeight) << 9) & 0x3FFE00UL) | kMarker);
+    if (!VideoArgumentsValid(szFileName, szSection, szKeyName))
+        return CFGFILE_BAD_PARAMETERS;
+
+    const int iRetCode = _ReadValue(szFileName, szSection, szKeyName, szBuffer, &nSize);
+    if (iRetCode != CFGFILE_SUCCESS) {
+        if (pnWidth != nullptr)
+            *pnWidth = nDefaultWidth;
+        if (pnHeight != nullptr)
+            *pnHeight = nDefaultHeight;
+        return iRetCode;
+    }
+    // Sizes are written as line counts ("1080") as often as with a scan letter.
+    StringCat(szBuffer, "p", sizeof(szBuffer));
+    const long lValue = ConvertVideoResolutionString(szBuffer, lDefaultResolution);
+    if (pnWidth != nullptr)
+        *pnWidth = static_cast<UINT>((lValue >> 22) & 0x1FFF);
+    if (pnHeight != nullptr)
+        *pnHeight = static_cast<UINT>((lValue >> 9) & 0x1FFF);
+    return CFGFILE_SUCCESS;
+}
+
+} // extern "C"
+
+// ------------------------------------------------------ 5. the safe rewrite
+//
+// A change streams the file line by line into "<name>.tmp", then swaps it in:
+// the old file goes to "<name>.bak", the new one to the name, the backup is
+// deleted. Each operation supplies its line buffer size, its decision for
+// each line and the rules below; the sequence itself is written once here.
+
+namespace {
+
+// One read of a rewrite, as an operation sees it.
+struct RewriteLine {
+    const char *szText; // the read, terminated; copied as it is unless left out
+    size_t nLength;     // bytes read, line feed included
+    int iLineCount;
+    bool bHasNewline;
+    bool bPiece; // first or middle piece of a line longer than the buffer
+
+    // A line ending in its line feed: neither a piece nor an unterminated last line.
+    bool IsWholeLine() const { return bHasNewline && !bPiece; }
+};
+
+enum class Verdict {
+    Copy,        // copy the read unchanged
+    LeaveOut,    // leave the read out of the new file
+    Written,     // the operation has written what stands for the read
+    WriteFailed, // a write of the operation failed
+    Stop,        // nothing more will change: stop reading (the copy is discarded)
+};
+
+// How an operation differs in the sequence.
+struct RewriteRules {
+    const char *szFunction;     // the name its traces carry
+    int nProcessingLevel;       // level of "Processing line %d."
+    bool bTemporaryClosedFirst; // the temporary file is closed before the file
+    bool bDiscardWhenUnchanged; // keep the file when nothing was left out
+};
+
+struct RewriteNames {
+    char szTarget[kPathBufferSize]; // the file rewritten: the name, or a link's target
+    char szTmpFileName[kPathBufferSize];
+    char szBackupFileName[kPathBufferSize];
+};
+
+struct RewriteResult {
+    bool bOpened;  // false: the file could not be opened for reading (nErrno)
+    bool bCopying; // the temporary file was created and the copy begun
+    int nErrno;
+    int iRetCode; // the result, when the file was opened
+};
+
+// Checks the name and builds the names of the temporary and backup files.
+int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames &names) {
+    if (szFileName == nullptr || strlen(szFileName) > kMaxFileNameLength ||
+        !ResolveRewriteTarget(szFileName, names.szTarget)) {
+        CFG_TRACE_AS(szFunction, 7, "filename is invalid.\n");
+        return CFGFILE_BAD_PARAMETERS;
+    }
+    CopyString(names.szBackupFileName, names.szTarget, sizeof(names.szBackupFileName));
+    CopyString(names.szTmpFileName, names.szTarget, sizeof(names.szTmpFileName));
+    if (!StringReplaceAddSuffix(names.szBackupFileName, sizeof(names.szBackupFileName), '.', "bak"))
+        _DoAssert("StringReplaceAddSuffix(szBackupFileName, sizeof(szBackupFileName), '.', \"bak\")",
+                  szFunction, kSourceFile, __LINE__);
+    if (!StringReplaceAddSuffix(names.szTmpFileName, sizeof(names.szTmpFileName), '.', "tmp"))
+        _DoAssert("StringReplaceAddSuffix(szTmpFileName, sizeof(szTmpFileName), '.', \"tmp\")",
+                  szFunction, kSourceFile, __LINE__);
+    return CFGFILE_SUCCESS;
+}
+
+// Copies the file into the temporary file, line by line, as the operation
+// decides. The end of an over-long line and a read holding NUL bytes pass
+// through unchanged: a line is copied or left out whole, never split or cut.
+template <size_t N, class Operation>
+int CopyLines(const RewriteRules &rules, const RewriteNames &names, int fdRead, OutputFile &tmp,
+              Operation &op) {
+    const char *szFunction = rules.szFunction;
+    char szLineBuffer[N];
+    LineReader reader(fdRead);
+    int iLineCount = 0;
+    bool bInsideLine = false; // the previous read ended inside a line
+    size_t nLength;
+    while ((nLength = reader.ReadLine(szLineBuffer, N)) > 0) {
+        ++iLineCount;
+        CFG_TRACE_AS(szFunction, rules.nProcessingLevel, "Processing line %d.\n", iLineCount);
+        const bool bHasNewline = szLineBuffer[nLength - 1] == '\n';
+        const bool bFullPiece = !bHasNewline && nLength == N - 1;
+        const bool bLastPiece = bInsideLine && !bFullPiece;
+        const RewriteLine line{szLineBuffer, nLength, iLineCount, bHasNewline,
+                               bInsideLine || bFullPiece};
+        bInsideLine = !bHasNewline;
+
+        if (op.InTail()) {
+            if (!tmp.Write(szLineBuffer, nLength)) {
+                CFG_TRACE_AS(szFunction, 7, "Unable to write \"%s\" to tmp file \"%s\".\n",
+                             szLineBuffer, names.szTmpFileName);
+                return CFGFILE_FAILURE;
+            }
+            continue;
+        }
+        const Verdict verdict = bLastPiece || HoldsNul(szLineBuffer, nLength)
+                                    ? Verdict::Copy
+                                    : op.Classify(line, tmp);
+        switch (verdict) {
+        case Verdict::Copy:
+            if (!tmp.Write(szLineBuffer, nLength))
+                return CFGFILE_FAILURE;
+            break;
+        case Verdict::LeaveOut:
+        case Verdict::Written:
+            break;
+        case Verdict::WriteFailed:
+            return CFGFILE_FAILURE;
+        case Verdict::Stop:
+            return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
+        }
+    }
+    // A read error must not pass for the end of the file.
+    return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
+}
+
+// Moves the old file to the backup name and the new one to the file's name,
+// makes that durable, and deletes the backup.
+int SwapIn(const char *szFunction, const RewriteNames &names) {
+    const char *szFileName = names.szTarget;
+    if (Sys([&] { return rename(szFileName, names.szBackupFileName); }, -1) != 0) {
+        const int nErr = errno;
+        CFG_TRACE_AS(szFunction, 7,
+                     "Failed to rename config file \"%s\" to backup \"%s\", errno=%d, \"%s\".\n",
+                     szFileName, names.szBackupFileName, nErr, strerror(nErr));
+        return CFGFILE_FAILURE;
+    }
+    if (Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) != 0) {
+        const int nErr = errno;
+        CFG_TRACE_AS(szFunction, 7, "Failed to move tmp file to new config file, errno=%d, \"%s\".\n",
+                     nErr, strerror(nErr));
+        Sys([&] { return rename(names.szBackupFileName, szFileName); }, -1);
+        return CFGFILE_FAILURE;
+    }
+    // Until the directory is on disk the backup is the only durable copy: keep it.
+    if (!SyncDirectoryOf(szFileName))
+        return CFGFILE_FAILURE;
+    if (Sys([&] { return unlink(names.szBackupFileName); }, -1) != 0)
+        CFG_TRACE_AS(szFunction, 7, "Failed to delete backup file \"%s\".\n",
+                     names.szBackupFileName);
+    return CFGFILE_SUCCESS;
+}
+
+// Rewrites names.szTarget through the temporary and backup files.
+template <size_t N, class Operation>
+RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, Operation &op) {
+    const char *szFunction = rules.szFunction;
+    const char *szFileName = names.szTarget;
+    FileDescriptor readFile(OpenForReading(szFileName));
+    if (!readFile.IsOpen())
+        return {false, false, errno, CFGFILE_FAILURE};
+    CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", szFileName);
+
+    // Private (0600) until it has the file's mode and owner.
+    OutputFile tmp;
+    if (!tmp.Create(names.szTmpFileName, S_IRUSR | S_IWUSR, true)) {
+        CFG_TRACE_AS(szFunction, 7, "Unable to open tmp file \"%s\".\n", names.szTmpFileName);
+        readFile.Close();
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", szFileName);
+        return {true, false, 0, CFGFILE_FAILURE};
+    }
+    CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", names.szTmpFileName);
+    CopyFilePermissions(szFileName, tmp.Stream());
+    CopyFileOwnership(szFileName, tmp.Stream());
+
+    int iRetCode = CopyLines<N>(rules, names, readFile.Get(), tmp, op);
+    if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
+        iRetCode = CFGFILE_FAILURE;
+    const bool bSwap = iRetCode == CFGFILE_SUCCESS && (op.Changed() || !rules.bDiscardWhenUnchanged);
+
+    // A temporary file that could not be written, flushed, synced or closed
+    // whole is never swapped in.
+    bool bComplete;
+    if (rules.bTemporaryClosedFirst) {
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", names.szTmpFileName);
+        bComplete = tmp.Commit(bSwap);
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", szFileName);
+        readFile.Close();
+    } else {
+        readFile.Close();
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", szFileName);
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", names.szTmpFileName);
+        bComplete = tmp.Commit(bSwap);
+    }
+    if (bSwap && !bComplete)
+        iRetCode = CFGFILE_FAILURE;
+    if (iRetCode != CFGFILE_SUCCESS)
+        return {true, true, 0, iRetCode};
+
+    Sys([&] { return unlink(names.szBackupFileName); }, -1);
+    if (!bSwap) {
+        Sys([&] { return unlink(names.szTmpFileName); }, -1);
+        return {true, true, 0, iRetCode};
+    }
+    return {true, true, 0, SwapIn(szFunction, names)};
+}
+
+// ------------------------------------------------------------ the writer
+
+constexpr char kWriteValue[] = "_WriteValue";
+constexpr RewriteRules kWriterRules{kWriteValue, 8, false, false};
+
+// Sets one key: replaces its first line in the first section of that name,
+// or adds it at the end of the section, or appends the section.
+class ValueWriter {
+  public:
+    ValueWriter(const char *szSection, const char *szKeyName, const char *szValue)
+        : m_szSection(szSection), m_szKeyName(szKeyName), m_szValue(szValue) {}
+
+    bool InTail() const { return m_bValueWritten; }
+    bool Changed() const { return true; }
+
+    Verdict Classify(const RewriteLine &line, OutputFile &out) {
+        // Pieces of an over-long line are copied as they are.
+        if (line.bPiece) {
+            CFG_TRACE_AS(kWriteValue, 7, "line %d is too long to be processed.\n", line.iLineCount);
+            return Verdict::Copy;
+        }
+        // Short lines before the change are dropped, as the reader ignores them.
+        if (line.nLength <= kShortLineLength) {
+            CFG_TRACE_AS(kWriteValue, 8, "line %d is too short to be processed.\n",
+                         line.iLineCount);
+            return Verdict::LeaveOut;
+        }
+        const char *pcLine = SkipBlanks(line.szText);
+        if (*pcLine == '#')
+            return Verdict::Copy;
+        if (*pcLine == '[')
+            return OnSectionLine(line, pcLine, out);
+        if (!m_bInSection)
+            return Verdict::Copy;
+        return OnKeyLine(pcLine, out);
+    }
+
+    // Adds the key where the file ended before it was found.
+    bool Finish(OutputFile &out) {
+        if (!m_bSectionFound)
+            return out.Write("\n[") && out.Write(m_szSection) && out.Write("]\n") &&
+                   out.WriteKeyLine(m_szKeyName, m_szValue, "\n");
+        if (m_bValueWritten)
+            return true;
+        // The file's last line may lack its line feed: the key starts a line of its own.
+        if (!out.AtLineStart() && !out.Write("\n"))
+            return false;
+        return out.WriteKeyLine(m_szKeyName, m_szValue, "\n");
+    }
+
+  private:
+    Verdict OnSectionLine(const RewriteLine &line, const char *pcLine, OutputFile &out) {
+        CFG_TRACE_AS(kWriteValue, 8, "Found section line %d.\n", line.iLineCount);
+        // The matching section ends without the key: add it, then an empty line.
+        if (m_bInSection) {
+            CFG_TRACE_AS(kWriteValue, 7, "Already in matching section.\n");
+            m_bValueWritten = true;
+            m_bFirstSection = false;
+            const bool bOk = out.WriteKeyLine(m_szKeyName, m_szValue, "\n\n") &&
+                             out.Write(line.szText, line.nLength);
+            return bOk ? Verdict::Written : Verdict::WriteFailed;
+        }
+        // One empty line before every section line but the first.
+        if (!m_bFirstSection && !out.Write("\n"))
+            return Verdict::WriteFailed;
+        m_bFirstSection = false;
+        if (!out.Write(line.szText, line.nLength))
+            return Verdict::WriteFailed;
+        const char *pcMatch = ExamineSectionLine({kWriteValue, nullptr, 8}, line.iLineCount, pcLine,
+                                                 m_szSectionBuffer);
+        if (pcMatch != nullptr && strcasecmp(m_szSection, pcMatch) == 0) {
+            m_bInSection = true;
+            m_bSectionFound = true;
+            CFG_TRACE_AS(kWriteValue, 7, "Found section.\n");
+        }
+        return Verdict::Written;
+    }
+
+    Verdict OnKeyLine(const char *pcLine, OutputFile &out) {
+        CFG_TRACE_AS(kWriteValue, 7, "Found key=value line.\n");
+        const char *pcEquals = strchr(pcLine, '=');
+        if (pcEquals == nullptr)
+            return Verdict::LeaveOut;
+        const char *pcTrimmedKeyName = ExtractKeyName(pcLine, pcEquals, m_szKeyNameBuffer);
+        if (pcTrimmedKeyName == nullptr)
+            return Verdict::Copy;
+        CFG_TRACE_AS(kWriteValue, 7, "key=\"%s\".\n", pcTrimmedKeyName);
+        if (strcasecmp(m_szKeyName, pcTrimmedKeyName) != 0)
+            return Verdict::Copy;
+        CFG_TRACE_AS(kWriteValue, 7, "key is a MATCH.\n");
+        m_bValueWritten = true;
+        return out.WriteKeyLine(m_szKeyName, m_szValue, "\n") ? Verdict::Written
+                                                              : Verdict::WriteFailed;
+    }
+
+    const char *m_szSection;
+    const char *m_szKeyName;
+    const char *m_szValue;
+    bool m_bInSection = false;
+    bool m_bSectionFound = false;
+    bool m_bValueWritten = false;
+    bool m_bFirstSection = true;
+    char m_szSectionBuffer[kNameBufferSize];
+    char m_szKeyNameBuffer[kNameBufferSize];
+};
+
+// Writes a file that did not exist: "[section]\nkey=value\n". Only a missing
+// file is created; an existing file that merely cannot be read is left alone.
+int CreateNewFile(const char *szFileName, int nOpenErrno, const char *szSection,
+                  const char *szKeyName, const char *szValue) {
+    OutputFile file;
+    if (nOpenErrno != ENOENT || !file.Create(szFileName, 0644, false)) {
+        const int nErr = nOpenErrno != ENOENT ? nOpenErrno : errno;
+        CFG_TRACE_AS(kWriteValue, 7, "Failed to create new file, errno=%d.\n", nErr);
+        return nErr == EACCES ? CFGFILE_FILE_ACCESS : CFGFILE_FAILURE;
+    }
+    CFG_TRACE_AS(kWriteValue, 7, "OPENED \"%s\".\n", szFileName);
+    SetDefaultFilePermissions(file.Stream());
+    file.Write("[") && file.Write(szSection) && file.Write("]\n") &&
+        file.WriteKeyLine(szKeyName, szValue, "\n");
+    const bool bComplete = file.Commit(true) && SyncDirectoryOf(szFileName);
+    CFG_TRACE_AS(kWriteValue, 7, "closed \"%s\".\n", szFileName);
+    if (!bComplete) {
+        unlink(szFileName); // it did not exist before: nothing is lost
+        return CFGFILE_FAILURE;
+    }
+    return CFGFILE_SUCCESS;
+}
+
+// A name or value that would break the file's lines is refused: a line feed
+// or carriage return could never be read back and would add lines of its own.
+bool IsWritableText(const char *szText) {
+    return szText != nullptr && strpbrk(szText, "\r\n") == nullptr;
+}
+
+int _WriteValue(const char *szFileName, const char *szSection, const char *szKeyName,
+                const char *szValue) {
+    RewriteNames names;
+    const int iRetCode = PrepareRewrite(kWriteValue, szFileName, names);
+    if (iRetCode != CFGFILE_SUCCESS)
+        return iRetCode;
+    if (!IsWritableText(szSection) || !IsWritableText(szKeyName) || !IsWritableText(szValue))
+        return CFGFILE_BAD_PARAMETERS;
+
+    ValueWriter writer(szSection, szKeyName, szValue);
+    const RewriteResult result = RewriteFile<kLongLineBufferSize>(kWriterRules, names, writer);
+    if (!result.bOpened)
+        return CreateNewFile(names.szTarget, result.nErrno, szSection, szKeyName, szValue);
+    if (!result.bCopying)
+        return result.iRetCode;
+    if (result.iRetCode == CFGFILE_SUCCESS)
+        CFG_TRACE_AS(kWriteValue, 7, "Successful for %s->%s=%s.\n", szSection, szKeyName, szValue);
+    else
+        CFG_TRACE_AS(kWriteValue, 7, "FAILED for %s->%s=%s.\n", szSection, szKeyName, szValue);
+    return result.iRetCode;
+}
+
+// ------------------------------------------------------------ the deletions
+
+constexpr char kDeleteSections[] = "CfgFile_DeleteSections";
+constexpr char kDeleteKey[] = "CfgFile_DeleteKey";
+constexpr char kDeleteAllSectionKeys[] = "CfgFile_DeleteAllSectionKeys";
+
+// Leaves out whole sections chosen by name, or by a prefix ending in "*".
+class SectionRemover {
+  public:
+    explicit SectionRemover(const char *szSectionPrefix) : m_szSectionPrefix(szSectionPrefix) {
+        m_nSectionPrefixLen = strlen(szSectionPrefix);
+        if (m_nSectionPrefixLen > 0 && szSectionPrefix[m_nSectionPrefixLen - 1] == '*') {
+            m_bFullSectionMatch = false;
+            --m_nSectionPrefixLen;
+        }
+    }
+
+    bool InTail() const { return false; }
+    bool Changed() const { return true; }
+    bool Finish(OutputFile &) { return true; }
+
+    Verdict Classify(const RewriteLine &line, OutputFile &) {
+        if (line.nLength <= kShortLineLength && !m_bInSection)
+            return Verdict::Copy;
+        // Over-long lines and an unterminated last line stay whole.
+        if (!line.IsWholeLine())
+            return Verdict::Copy;
+        const char *pcLine = SkipBlanks(line.szText);
+        if (*pcLine != '[')
+            return m_bInSection ? Verdict::LeaveOut : Verdict::Copy;
+        // Every section line ends a selected section and may start another.
+        m_bInSection = false;
+        const char *pcName = ExamineSectionLine({kDeleteSections, nullptr, 0}, line.iLineCount,
+                                                pcLine, m_szSectionBuffer);
+        if (pcName == nullptr || !Selects(pcName))
+            return Verdict::Copy;
+        m_bInSection = true;
+        return Verdict::LeaveOut;
+    }
+
+  private:
+    bool Selects(const char *szName) const {
+        if (m_bFullSectionMatch)
+            return strcasecmp(m_szSectionPrefix, szName) == 0;
+        return strncasecmp(m_szSectionPrefix, szName, m_nSectionPrefixLen) == 0;
+    }
+
+    const char *m_szSectionPrefix;
+    size_t m_nSectionPrefixLen;
+    bool m_bFullSectionMatch = true;
+    bool m_bInSection = false;
+    char m_szSectionBuffer[kNameBufferSize];
+};
+
+// Leaves out the first line of a key in the first section of that name that holds it.
+class KeyRemover {
+  public:
+    KeyRemover(const char *szSection, const char *szKeyName)
+        : m_szSection(szSection), m_szKeyName(szKeyName) {}
+
+    bool InTail() const { return false; }
+    bool Changed() const { return m_bKeyDeleted; }
+    bool Finish(OutputFile &) { return true; }
+
+    Verdict Classify(const RewriteLine &line, OutputFile &) {
+        if (line.nLength <= kShortLineLength && !m_bInSection)
+            return Verdict::Copy;
+        if (!line.IsWholeLine())
+            return Verdict::Copy;
+        const char *pcLine = SkipBlanks(line.szText);
+        if (m_bInSection && *pcLine == '[') {
+            // The section ends without the key: with nothing changed, the
+            // file stays as it is. After a deletion, a later section of the
+            // same name may still follow, so the scan goes on.
+            if (!m_bKeyDeleted)
+                return Verdict::Stop;
+            m_bInSection = false;
+        }
+        if (!m_bInSection) {
+            if (*pcLine == '[') {
+                const char *pcName = ExamineSectionLine({kDeleteKey, nullptr, 0}, line.iLineCount,
+                                                        pcLine, m_szSectionBuffer);
+                m_bInSection = pcName != nullptr && strcasecmp(m_szSection, pcName) == 0;
+            }
+            return Verdict::Copy;
+        }
+        const char *pcEquals = strchr(pcLine, '=');
+        if (pcEquals == nullptr)
+            return Verdict::Copy;
+        const char *pcTrimmedKeyName = ExtractKeyName(pcLine, pcEquals, m_szKeyNameBuffer);
+        if (pcTrimmedKeyName == nullptr)
+            return Verdict::Copy;
+        CFG_TRACE_AS(kDeleteKey, 7, "key=\"%s\".\n", pcTrimmedKeyName);
+        if (strcasecmp(m_szKeyName, pcTrimmedKeyName) != 0)
+            return Verdict::Copy;
+        m_bKeyDeleted = true;
+        m_bInSection = false;
+        return Verdict::LeaveOut;
+    }
+
+  private:
+    const char *m_szSection;
+    const char *m_szKeyName;
+    bool m_bInSection = false;
+    bool m_bKeyDeleted = false;
+    char m_szSectionBuffer[kNameBufferSize];
+    char m_szKeyNameBuffer[kNameBufferSize];
+};
+
+// Leaves out every line holding "=" in each section of a name.
+class SectionKeysRemover {
+  public:
+    explicit SectionKeysRemover(const char *szSection) : m_szSection(szSection) {}
+
+    bool InTail() const { return false; }
+    bool Changed() const { return m_bKeyDeleted; }
+    bool Finish(OutputFile &) { return true; }
+
+    Verdict Classify(const RewriteLine &line, OutputFile &) {
+        if ((line.nLength <= kShortLineLength && !m_bInSection) || !line.IsWholeLine())
+            return Copying(line);
+        const char *pcLine = SkipBlanks(line.szText);
+        if (!m_bInSection) {
+            if (*pcLine == '[' && NamesSection(line, pcLine)) {
+                CFG_TRACE_AS(kDeleteAllSectionKeys, 7, "line %d, Found section: %s.\n",
+                             line.iLineCount, m_szSection);
+                m_bInSection = true;
+            }
+            return Copying(line);
+        }
+        // Any line that begins with "[" ends the section, unexamined.
+        if (*pcLine == '[') {
+            CFG_TRACE_AS(kDeleteAllSectionKeys, 7, "line %d, Found end of section: %s.\n",
+                         line.iLineCount, m_szSection);
+            m_bInSection = false;
+            return Copying(line);
+        }
+        if (strchr(pcLine, '=') == nullptr)
+            return Copying(line);
+        CFG_TRACE_AS(kDeleteAllSectionKeys, 7, "Deleting line %d.\n", line.iLineCount);
+        m_bKeyDeleted = true;
+        return Verdict::LeaveOut;
+    }
+
+  private:
+    bool NamesSection(const RewriteLine &line, const char *pcLine) {
+        const char *pcName = ExamineSectionLine({kDeleteAllSectionKeys, nullptr, 0},
+                                                line.iLineCount, pcLine, m_szSectionBuffer);
+        return pcName != nullptr && strcasecmp(m_szSection, pcName) == 0;
+    }
+
+    static Verdict Copying(const RewriteLine &line) {
+        CFG_TRACE_AS(kDeleteAllSectionKeys, 7, "Copying line %d.\n", line.iLineCount);
+        return Verdict::Copy;
+    }
+
+    const char *m_szSection;
+    bool m_bInSection = false;
+    bool m_bKeyDeleted = false;
+    char m_szSectionBuffer[kNameBufferSize];
+};
+
+// Runs one deletion: a missing file has nothing to remove.
+template <class Operation>
+int RunDeletion(const RewriteRules &rules, const char *szFileName, Operation &op) {
+    RewriteNames names;
+    const int iRetCode = PrepareRewrite(rules.szFunction, szFileName, names);
+    if (iRetCode != CFGFILE_SUCCESS)
+        return iRetCode;
+    const RewriteResult result = RewriteFile<kShortLineBufferSize>(rules, names, op);
+    return result.bOpened ? result.iRetCode : CFGFILE_SUCCESS;
+}
+
+// ------------------------------------------------------- the line operations
+
+// Comments out, or leaves out, the first line that begins with a prefix.
+class PrefixedLineChanger {
+  public:
+    PrefixedLineChanger(const char *szFunction, const char *szPrefix, bool bCommentOut)
+        : m_szFunction(szFunction), m_szPrefix(szPrefix), m_nPrefixLength(strlen(szPrefix)),
+          m_bCommentOut(bCommentOut) {}
+
+    bool InTail() const { return m_bLineChanged; }
+    bool Changed() const { return true; }
+    bool Finish(OutputFile &) { return true; }
+
+    Verdict Classify(const RewriteLine &line, OutputFile &out) {
+        // Only whole lines are matched.
+        if (!line.IsWholeLine()) {
+            CFG_TRACE_AS(m_szFunction, 7, "line %d is too long to be processed.\n",
+                         line.iLineCount);
+            return Verdict::Copy;
+        }
+        const char *pcLine = SkipBlanks(line.szText);
+        if (*pcLine == '#' || strncmp(pcLine, m_szPrefix, m_nPrefixLength) != 0)
+            return Verdict::Copy;
+        CFG_TRACE_AS(m_szFunction, 7, "Line found.\n");
+        m_bLineChanged = true;
+        if (!m_bCommentOut)
+            return Verdict::LeaveOut;
+        const bool bOk = out.Write("#") && out.Write(line.szText, line.nLength);
+        return bOk ? Verdict::Written : Verdict::WriteFailed;
+    }
+
+  private:
+    const char *m_szFunction;
+    const char *m_szPrefix;
+    size_t m_nPrefixLength;
+    bool m_bCommentOut;
+    bool m_bLineChanged = false;
+};
+
+int ChangePrefixedLine(const char *szFunction, const char *szFileName, const char *szPrefix,
+                       bool bCommentOut) {
+    RewriteNames names;
+    const int iRetCode = PrepareRewrite(szFunction, szFileName, names);
+    if (iRetCode != CFGFILE_SUCCESS)
+        return iRetCode;
+    PrefixedLineChanger changer(szFunction, szPrefix, bCommentOut);
+    const RewriteResult result =
+        RewriteFile<kLongLineBufferSize>({szFunction, 8, false, false}, names, changer);
+    return result.bOpened ? result.iRetCode : CFGFILE_FAILURE;
+}
+
+} // namespace
+
+extern "C" {
+
+CFGFILE_API int CfgFile_SetStringValue(const char *szFileName, const char *szSection,
+                                       const char *szKeyName, const char *szBuffer) {
+    CFG_TRACE(7, "Called, file=\"%s\" section=\"%s\", key=\"%s\" value=\"%s\".\n", szFileName,
+              szSection, szKeyName, szBuffer);
+    return _WriteValue(szFileName, szSection, szKeyName, szBuffer);
+}
+
+CFGFILE_API int CfgFile_SetIntValue(const char *szFileName, const char *szSection,
+                                    const char *szKeyName, int nValue) {
+    char szBuffer[32];
+    snprintf(szBuffer, sizeof(szBuffer), "%d", nValue);
+    return _WriteValue(szFileName, szSection, szKeyName, szBuffer);
+}
+
+CFGFILE_API int CfgFile_SetUnsignedIntValue(const char *szFileName, const char *szSection,
+                                            const char *szKeyName, unsigned int nValue) {
+    char szBuffer[32];
+    snprintf(szBuffer, sizeof(szBuffer), "%u", nValue);
+    return _WriteValue(szFileName, szSection, szKeyName, szBuffer);
+}
+
+CFGFILE_API int CfgFile_SetInt64Value(const char *szFileName, const char *szSection,
+                                      const char *szKeyName, INT64 nValue) {
+    char szBuffer[80];
+    snprintf(szBuffer, sizeof(szBuffer), "%ld", static_cast<long>(nValue));
+    return _WriteValue(szFileName, szSection, szKeyName, szBuffer);
+}
+
+CFGFILE_API int CfgFile_SetFloatValue(const char *szFileName, const char *szSection,
+                                      const char *szKeyName, float fValue, int DecimalPrecision) {
+    char szBuffer[32];
+    const int nLength = snprintf(szBuffer, sizeof(szBuffer), "%.*f", DecimalPrecision,
+                                 static_cast<double>(fValue));
+    // A cut number would be a different number: refuse it.
+    if (nLength < 0 || static_cast<size_t>(nLength) >= sizeof(szBuffer))
+        return CFGFILE_BAD_PARAMETERS;
+    return _WriteValue(szFileName, szSection, szKeyName, szBuffer);
+}
+
+CFGFILE_API int CfgFile_SetBooleanValue(const char *szFileName, const char *szSection,
+                                        const char *szKeyName, BOOL bValue) {
+    return _WriteValue(szFileName, szSection, szKeyName, bValue ? "Yes" : "No");
+}
+
+CFGFILE_API int CfgFile_DeleteSections(const char *szFileName, const char *szSectionPrefix) {
+    if (szSectionPrefix == nullptr)
+        return CFGFILE_BAD_PARAMETERS;
+    SectionRemover remover(szSectionPrefix);
+    return RunDeletion({kDeleteSections, 7, true, false}, szFileName, remover);
+}
+
+CFGFILE_API int CfgFile_DeleteKey(const char *szFileName, const char *szSection,
+                                  const char *szKeyName) {
+    if (szSection == nullptr || szKeyName == nullptr)
+        return CFGFILE_BAD_PARAMETERS;
+    KeyRemover remover(szSection, szKeyName);
+    return RunDeletion({kDeleteKey, 7, true, true}, szFileName, remover);
+}
+
+CFGFILE_API int CfgFile_DeleteAllSectionKeys(const char *szFileName, const char *szSection) {
+    if (szSection == nullptr)
+        return CFGFILE_BAD_PARAMETERS;
+    SectionKeysRemover remover(szSection);
+    return RunDeletion({kDeleteAllSectionKeys, 7, true, true}, szFileName, remover);
+}
+
+CFGFILE_API int CfgFile_CommentLineStartingWith(const char *szFileName, const char *szPrefix) {
+    CFG_ASSERT_AS(__func__, szFileName != NULL);
+    CFG_ASSERT_AS(__func__, szPrefix != NULL);
+    return ChangePrefixedLine(__func__, szFileName, szPrefix, true);
+}
+
+CFGFILE_API int CfgFile_DeleteLineStartingWith(const char *szFileName, const char *szPrefix) {
+    CFG_ASSERT_AS(__func__, szFileName != NULL);
+    CFG_ASSERT_AS(__func__, szPrefix != NULL);
+    return ChangePrefixedLine(__func__, szFileName, szPrefix, false);
+}
+
+} // extern "C"
+
+// ---------------------------- 6. enumeration, line search, group ownership
+
+extern "C" {
+
+CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *szSectionPrefix,
+                                          char *szBuffer, size_t *pnSize, unsigned int *pnCount) {
+    if (szFileName == nullptr || szSectionPrefix == nullptr || pnSize == nullptr ||
+        pnCount == nullptr)
+        return CFGFILE_BAD_PARAMETERS;
+    int iRetCode = -1;
+    uint64_t nBufferOffset = 0; // bytes the matching names need, copied or not
+    UINT nSectionsCopied = 0;
+    char szLineBuffer[kShortLineBufferSize];
+
+    FileDescriptor file(OpenForReading(szFileName));
+    if (file.IsOpen()) {
+        CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
+        iRetCode = CFGFILE_SUCCESS;
+        const size_t nPrefixLength = strlen(szSectionPrefix);
+        LineReader reader(file.Get());
+        size_t nLineLength;
+        while ((nLineLength = reader.ReadLine(szLineBuffer, sizeof(szLineBuffer))) > 0) {
+            if (nLineLength <= kShortLineLength || szLineBuffer[nLineLength - 1] != '\n' ||
+                HoldsNul(szLineBuffer, nLineLength))
+                continue;
+            char *pcLine = SkipBlanks(szLineBuffer);
+            if (*pcLine != '[')
+                continue;
+            char *pcMatch = strchr(pcLine + 1, ']');
+            if (pcMatch == nullptr)
+                continue;
+            // The name is the text between the brackets, as written.
+            *pcMatch = '\0';
+            const char *pcName = pcLine + 1;
+            if (strncasecmp(szSectionPrefix, pcName, nPrefixLength) != 0)
+                continue;
+            const size_t nNameSize = static_cast<size_t>(pcMatch - pcName) + 1;
+            if (szBuffer != nullptr && nBufferOffset + nNameSize <= *pnSize) {
+                memcpy(szBuffer + nBufferOffset, pcName, nNameSize);
+                ++nSectionsCopied;
+            }
+            nBufferOffset += nNameSize;
+        }
+        CFG_TRACE(7, "closed \"%s\".\n", szFileName);
+        file.Close();
+    }
+    *pnSize = static_cast<size_t>(nBufferOffset);
+    *pnCount = nSectionsCopied;
+    return iRetCode;
+}
+
+CFGFILE_API int CfgFile_FindLineStartingWith(const char *szFileName, const char *szPrefix,
+                                             char *szBuffer, size_t *pnBuffSize) {
+    CFG_ASSERT_AS(__func__, szFileName != NULL);
+    CFG_ASSERT_AS(__func__, szFileName[0] != '\0');
+    CFG_ASSERT_AS(__func__, szPrefix != NULL);
+    CFG_ASSERT_AS(__func__, szPrefix[0] != '\0');
+    CFG_ASSERT_AS(__func__, szBuffer != NULL);
+    CFG_ASSERT_AS(__func__, pnBuffSize != NULL);
+    CFG_ASSERT_AS(__func__, *pnBuffSize > 0);
+    int iRetCode = CFGFILE_FAILURE;
+    const size_t nPrefixLength = strlen(szPrefix);
+    const size_t nBuffSize = *pnBuffSize;
+
+    FileDescriptor file(OpenForReading(szFileName));
+    if (!file.IsOpen())
+        return iRetCode;
+    CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
+
+    // The caller's buffer is the line buffer. A buffer of 1 byte holds no
+    // line, and the reader then ends the scan at once.
+    LineReader reader(file.Get());
+    bool bInsideLine = false; // the previous read ended inside a line
+    size_t nLineLength;
+    while ((nLineLength = reader.ReadLine(szBuffer, nBuffSize)) > 0) {
+        const bool bWholeLine = !bInsideLine && szBuffer[nLineLength - 1] == '\n';
+        bInsideLine = szBuffer[nLineLength - 1] != '\n';
+        // Only whole lines count: never a piece of a longer one, a last line
+        // without its line feed, or text holding NUL bytes.
+        if (!bWholeLine || nLineLength < nPrefixLength || HoldsNul(szBuffer, nLineLength))
+            continue;
+        szBuffer[--nLineLength] = '\0';
+        if (strncmp(SkipBlanks(szBuffer), szPrefix, nPrefixLength) == 0) {
+            *pnBuffSize = nLineLength;
+            iRetCode = CFGFILE_SUCCESS;
+            break;
+        }
+    }
+    return iRetCode;
+}
+
+CFGFILE_API int CfgFile_SetGroupOwnership(const char *szFileName, gid_t GroupID) {
+    int iRetCode = CFGFILE_FAILURE;
+    struct stat FileStats;
+    char szBuffer[52];
+    if (szFileName == nullptr)
+        return CFGFILE_BAD_PARAMETERS;
+
+    if (chown(szFileName, static_cast<uid_t>(-1), GroupID) != 0) {
+        const int nErr = errno;
+        CFG_TRACE(3, "Failed to set group ownership file \"%s\", errno=%d, \"%s\".\n", szFileName,
+                  nErr, strerror_r(nErr, szBuffer, sizeof(szBuffer)));
+        return iRetCode;
+    }
+    if (stat(szFileName, &FileStats) != 0) {
+        const int nErr = errno;
+        CFG_TRACE(3, "Failed to get info on file \"%s\", errno=%d, \"%s\".\n", szFileName, nErr,
+                  strerror_r(nErr, szBuffer, sizeof(szBuffer)));
+        return iRetCode;
+    }
+    if (chmod(szFileName, FileStats.st_mode | S_IWGRP) != 0) {
+        const int nErr = errno;
+        CFG_TRACE(3, "Failed to change group permissions for file \"%s\", errno=%d, \"%s\".\n",
+                  szFileName, nErr, strerror_r(nErr, szBuffer, sizeof(szBuffer)));
+        return iRetCode;
+    }
+    iRetCode = CFGFILE_SUCCESS;
+    return iRetCode;
+}
+
+} // extern "C"

@@ -1,0 +1,110 @@
+// test_support.h - scratch directories, file bytes and trace capture for the tests.
+#ifndef CFGFILE_TEST_SUPPORT_H
+#define CFGFILE_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "dbgtrace.h"
+
+namespace cfgtest {
+
+// A directory of its own for each test, removed with everything in it.
+class ScratchDir {
+  public:
+    ScratchDir() {
+        char szTemplate[] = "/tmp/cfgfile-test-XXXXXX";
+        m_path = mkdtemp(szTemplate);
+    }
+    ~ScratchDir() {
+        std::string command = "chmod -R u+rwx '" + m_path + "' 2>/dev/null; rm -rf '" + m_path + "'";
+        if (system(command.c_str()) != 0)
+            ADD_FAILURE() << "could not remove " << m_path;
+    }
+    const std::string &Path() const { return m_path; }
+    std::string operator/(const std::string &name) const { return m_path + "/" + name; }
+
+  private:
+    std::string m_path;
+};
+
+inline void WriteFile(const std::string &path, const std::string &bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << bytes;
+}
+
+inline std::string ReadFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+inline bool Exists(const std::string &path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+inline ino_t Inode(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// One message the library printed.
+struct TraceMessage {
+    int nLevel;
+    std::string function;
+    std::string text;
+};
+
+// Captures the messages of the library's channel at a chosen level.
+class TraceCapture {
+  public:
+    explicit TraceCapture(int nLevel = 8) {
+        DbgSetChannelLevel("CFGFILELIB", nLevel);
+        DbgSetOutput(&TraceCapture::Receive, this);
+    }
+    ~TraceCapture() {
+        DbgSetOutput(nullptr, nullptr);
+        DbgSetChannelLevel("CFGFILELIB", 0);
+    }
+    void SetLevel(int nLevel) { DbgSetChannelLevel("CFGFILELIB", nLevel); }
+    void Clear() { m_messages.clear(); }
+    const std::vector<TraceMessage> &Messages() const { return m_messages; }
+
+    // The texts of the messages of one level (all levels: 0), in order.
+    std::vector<std::string> Texts(int nLevel = 0) const {
+        std::vector<std::string> texts;
+        for (const TraceMessage &message : m_messages)
+            if (nLevel == 0 || message.nLevel == nLevel)
+                texts.push_back(message.text);
+        return texts;
+    }
+
+    bool Contains(const std::string &text) const {
+        for (const TraceMessage &message : m_messages)
+            if (message.text == text)
+                return true;
+        return false;
+    }
+
+  private:
+    static void Receive(void *pContext, const char *, int nLevel, const char *szFunction,
+                        const char *, int, const char *szText) {
+        static_cast<TraceCapture *>(pContext)->m_messages.push_back(
+            {nLevel, szFunction ? szFunction : "", szText ? szText : ""});
+    }
+    std::vector<TraceMessage> m_messages;
+};
+
+} // namespace cfgtest
+
+#endif
