@@ -11,14 +11,29 @@
  *   - environment, read when a channel is opened:
  *       DBGTRACE_LEVEL=CFGFILELIB:7            one channel
  *       DBGTRACE_LEVEL=3,CFGFILELIB:8          every channel at 3, one at 8
+ *     Items are separated by commas; an item naming the channel wins over a
+ *     plain level wherever it stands, among items of one kind the last wins,
+ *     and malformed items are ignored. Levels above DBG_LEVEL_MAX count as
+ *     DBG_LEVEL_MAX, negative levels silence the channel (level -1). The
+ *     variable is read when a channel is opened while no one holds it open
+ *     (first open, or again after every user closed it).
  *   - at run time: DbgSetChannelLevel("CFGFILELIB", 7); the new level applies
- *     to the next message, also for channels opened later.
- *   A channel that no setting names starts at level 0: nothing is printed.
+ *     to the next message, also for channels opened later. A level set this
+ *     way is final: the environment no longer applies to that channel.
+ *   A channel that no setting names starts at level 0: only level-0 messages
+ *   are printed.
  *
- * Output: one line per message on stderr,
+ * Channel names are case-sensitive and 1 to 31 characters long; longer names
+ * are refused, not cut. Channels are never removed, so a handle stays valid
+ * until the process ends.
+ *
+ * Output: one line per message on stderr, written with a single write(2) so
+ *   that lines of concurrent threads do not mix,
  *     CHANNEL[LEVEL] function (file:line): text
- *   or, after DbgSetOutput(), to the caller's callback. Null "%s" arguments
- *   print as "(null)".
+ *   or, after DbgSetOutput(), to the caller's callback. A newline is added
+ *   when the text has none. Null "%s" arguments print as "(null)", a null
+ *   function or file name as "?". A text is cut to 2047 characters; a cut
+ *   text still ends with a newline.
  *
  * Compiles as C99 and as C++.
  */
@@ -49,8 +64,8 @@ int _DoDbgInit(const char *szChannel, HDBG *phDbg);
 
 /* Formats and prints one message on the channel when nLevel <= nMaxLevel.
  * szFunction, szFile and nLine say where the message comes from. A null
- * hDbg prints nothing. Returns the number of characters of the text, or 0
- * when nothing was printed. */
+ * hDbg prints nothing. Returns the number of characters of the text (after a
+ * cut, at most 2047), or 0 when nothing was printed. */
 int _DoDbgPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szFile, int nLine,
                   const char *szFormat, ...)
 #if defined(__GNUC__)
@@ -75,16 +90,22 @@ void _DoAssert(const char *szExpression, const char *szFunction, const char *szF
  * silences it. Returns 1, or 0 when szChannel is null or the table is full. */
 int DbgSetChannelLevel(const char *szChannel, int nLevel);
 
-/* Returns the level of a channel, or -1 when no channel has that name. */
+/* Returns the level of a channel, or -1 when no channel has that name (a
+ * silenced channel reports -1 as well). */
 int DbgGetChannelLevel(const char *szChannel);
 
 /* Receives each printed message instead of stderr. szText is the formatted
- * message as the component wrote it (normally ending in a newline). */
+ * message as the component wrote it (normally ending in a newline); szFunction
+ * and szFile are never null. Failed assertions arrive on the channel "ASSERT"
+ * at level 0. The callback runs in the thread that printed, with no lock of
+ * the trace library held; it may be called from several threads at once. */
 typedef void (*DBG_OUTPUT_PROC)(void *pContext, const char *szChannel, int nLevel,
                                 const char *szFunction, const char *szFile, int nLine,
                                 const char *szText);
 
-/* Routes messages to pfnOutput (with pContext); NULL restores stderr. */
+/* Routes messages to pfnOutput (with pContext); NULL restores stderr. A
+ * message that another thread is printing at that moment may still reach the
+ * previous callback. */
 void DbgSetOutput(DBG_OUTPUT_PROC pfnOutput, void *pContext);
 
 #ifdef __cplusplus
