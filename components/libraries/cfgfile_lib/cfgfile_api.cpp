@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <clocale>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -25,6 +26,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <locale.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -1376,8 +1378,16 @@ CFGFILE_API int CfgFile_SetInt64Value(const char *szFileName, const char *szSect
 CFGFILE_API int CfgFile_SetFloatValue(const char *szFileName, const char *szSection,
                                       const char *szKeyName, float fValue, int DecimalPrecision) {
     char szBuffer[32];
+    // Always a decimal point, whatever locale the application has chosen, so
+    // that the file reads back the same everywhere.
+    const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
+    const locale_t previousLocale = cLocale ? uselocale(cLocale) : static_cast<locale_t>(0);
     const int nLength = snprintf(szBuffer, sizeof(szBuffer), "%.*f", DecimalPrecision,
                                  static_cast<double>(fValue));
+    if (cLocale) {
+        uselocale(previousLocale);
+        freelocale(cLocale);
+    }
     // A cut number would be a different number: refuse it.
     if (nLength < 0 || static_cast<size_t>(nLength) >= sizeof(szBuffer))
         return CFGFILE_BAD_PARAMETERS;
