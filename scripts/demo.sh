@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# The main job: builds the library and the cfgfile tool, then works on a copy
+# of the bundled example settings file: reads typed values, sets some, lists
+# sections, deletes a key and prints the file.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh base
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCFGFILE_BUILD_TESTS=OFF >/dev/null
+cmake --build build --target cfgfile_tool >/dev/null
+cfgfile=build/tools/cfgfile/cfgfile
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cp examples/device.ini "$work/device.ini"
+file=$work/device.ini
+
+run() { printf '$ cfgfile %s\n' "$*"; "$cfgfile" "$@"; }
+run get "$file" Network Port --type int
+run get "$file" Video Format --type video-format
+run get "$file" Video Resolution --type video-size
+run get "$file" Audio Enabled --type bool
+run get "$file" Network Gateway --default 192.168.1.1
+run set "$file" Network Port 8443 --type int
+run set "$file" Video Bitrate 6.5 --type float --precision 1
+run set "$file" Cloud Enabled yes --type bool
+run sections "$file"
+run del-key "$file" Network Gateway
+printf '$ cat device.ini\n'
+cat "$file"
