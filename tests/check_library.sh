@@ -6,7 +6,7 @@ set -eu
 lib=$1
 status=0
 
-exported=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TWDBRV]$/ {print $3}' | sort)
+exported=$(${NM:-nm} -D --defined-only "$lib" | awk '$2 ~ /^[TWDBRV]$/ {print $3}' | sort)
 stray=$(printf '%s\n' "$exported" | grep -v '^CfgFile_' || true)
 if [ -n "$stray" ]; then
     echo "exported beyond CfgFile_*:"; printf '  %s\n' $stray; status=1
@@ -16,12 +16,12 @@ if [ "$count" -ne 23 ]; then
     echo "expected 23 CfgFile_* operations, found $count"; status=1
 fi
 
-soname=$(objdump -p "$lib" | awk '/SONAME/ {print $2}')
+soname=$(${OBJDUMP:-objdump} -p "$lib" | awk '/SONAME/ {print $2}')
 if [ "$soname" != "libcfgfile.so.1" ]; then
     echo "SONAME is '$soname', expected libcfgfile.so.1"; status=1
 fi
 
-needed=$(objdump -p "$lib" | awk '/NEEDED/ {print $2}')
+needed=$(${OBJDUMP:-objdump} -p "$lib" | awk '/NEEDED/ {print $2}')
 for n in $needed; do
     case "$n" in
         libc.so.*|libdbgtrace.so.*|ld-linux*) ;;

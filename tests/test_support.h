@@ -58,6 +58,14 @@ inline ino_t Inode(const std::string &path) {
     return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
+// Death tests run in a fresh process of the test binary where they can. Under
+// an emulator the binary cannot run itself again; cross builds set
+// GTEST_DEATH_TEST_STYLE=fast and the test forks instead.
+inline void PreferFreshProcessDeathTests() {
+    if (getenv("GTEST_DEATH_TEST_STYLE") == nullptr)
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+}
+
 // One message the library printed.
 struct TraceMessage {
     int nLevel;
