@@ -90,7 +90,9 @@ extern "C" CFGFILE_API void CfgFileSeam_Arm(int nCall, int nErrno) {
     g_nSeamErrno = nErrno;
 }
 
-extern "C" CFGFILE_API int CfgFileSeam_Calls() { return g_nSeamCalls; }
+extern "C" CFGFILE_API int CfgFileSeam_Calls() {
+    return g_nSeamCalls;
+}
 
 template <class Call, class Result> static Result Sys(Call call, Result failure) {
     const bool bHit = ++g_nSeamCalls == g_nSeamTarget;
@@ -104,7 +106,9 @@ template <class Call, class Result> static Result Sys(Call call, Result failure)
     return result;
 }
 #else
-template <class Call, class Result> static inline Result Sys(Call call, Result) { return call(); }
+template <class Call, class Result> static inline Result Sys(Call call, Result) {
+    return call();
+}
 #endif
 
 namespace {
@@ -213,7 +217,9 @@ class LineReader {
     char m_block[4096];
 };
 
-bool HoldsNul(const char *szLine, size_t nLength) { return strlen(szLine) != nLength; }
+bool HoldsNul(const char *szLine, size_t nLength) {
+    return strlen(szLine) != nLength;
+}
 
 // Writes a new file through a stream. A failed write is remembered, so that
 // Commit() - flush, fsync, close, each checked - can refuse a short file.
@@ -353,7 +359,9 @@ char *SkipBlanks(char *pcText) {
     return pcText;
 }
 
-const char *SkipBlanks(const char *pcText) { return SkipBlanks(const_cast<char *>(pcText)); }
+const char *SkipBlanks(const char *pcText) {
+    return SkipBlanks(const_cast<char *>(pcText));
+}
 
 // How one operation traces the examination of a section line.
 struct SectionLineTraces {
@@ -425,8 +433,8 @@ const char *ExtractKeyName(const char *pcKeyStart, const char *pcEquals,
 // characters (the rest of the buffer zero-filled) and *pnBuffSize becomes
 // the whole value's length + 1; otherwise neither is touched.
 // *pnBuffSize must be at least 1.
-int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyName,
-               char *szBuffer, size_t *pnBuffSize) {
+int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyName, char *szBuffer,
+               size_t *pnBuffSize) {
     int iRetCode = CFGFILE_FAILURE;
     BOOL bInSection = FALSE;
     int iLineCount = 0;
@@ -458,11 +466,13 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
             continue;
         }
         if (nLineLength > sizeof(szLineBuffer) - 2) // the buffer is full
-            CFG_TRACE(4, "Line %d of file \"%s\" of %d chars might not have been read completely.\n",
+            CFG_TRACE(4,
+                      "Line %d of file \"%s\" of %d chars might not have been read completely.\n",
                       iLineCount, szFileName, static_cast<int>(nLineLength));
         if (szLineBuffer[nLineLength - 1] != '\n')
-            CFG_TRACE(5, "Line %d of file \"%s\" of %d char is not terminated by new line character.\n",
-                      iLineCount, szFileName, static_cast<int>(nLineLength));
+            CFG_TRACE(
+                5, "Line %d of file \"%s\" of %d char is not terminated by new line character.\n",
+                iLineCount, szFileName, static_cast<int>(nLineLength));
         else
             szLineBuffer[--nLineLength] = '\0';
         if (nLineLength > 0 && szLineBuffer[nLineLength - 1] == '\r')
@@ -523,101 +533,71 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     return iRetCode;
 }
 
-// The numeric and boolean getters are one family: each member names its
+// The numeric and boolean getters are one family: each member gives its
 // types, its conversion and its trace texts; GetTypedValue does the rest.
-struct IntFamily {
-    using Value = int;
-    using Converted = LONG;
-    static constexpr const char *kCalled =
-        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%d.\n";
-    static constexpr const char *kReturning = "Returning value %d.\n";
-    static constexpr const char *kReturningDefault = "Returning default value %d.\n";
-    static bool Convert(const char *szText, Converted *pnValue, Value) {
-        return StringToDecLONG(szText, pnValue) != 0;
-    }
-    static Value Narrow(Converted nValue) { return static_cast<int>(nValue); } // low 32 bits
-    static int Printable(Value nValue) { return nValue; }
+struct GetterTexts {
+    const char *szCalled;
+    const char *szReturning;
+    const char *szReturningDefault;
 };
 
-struct UnsignedIntFamily {
-    using Value = unsigned int;
-    using Converted = ULONG;
-    static constexpr const char *kCalled =
-        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%u.\n";
-    static constexpr const char *kReturning = "Returning value %u.\n";
-    static constexpr const char *kReturningDefault = "Returning default value %u.\n";
-    static bool Convert(const char *szText, Converted *pnValue, Value) {
-        return StringToDecULONG(szText, pnValue) != 0;
-    }
-    static Value Narrow(Converted nValue) { return static_cast<unsigned int>(nValue); }
-    static unsigned int Printable(Value nValue) { return nValue; }
-};
+constexpr GetterTexts kIntTexts{
+    "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%d.\n",
+    "Returning value %d.\n", "Returning default value %d.\n"};
+constexpr GetterTexts kUnsignedIntTexts{
+    "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%u.\n",
+    "Returning value %u.\n", "Returning default value %u.\n"};
+constexpr GetterTexts kInt64Texts{
+    "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%lld.\n",
+    "Returning value %lld.\n", "Returning default value %lld.\n"};
+constexpr GetterTexts kFloatTexts{
+    "Called, file=\"%s\" section=\"%s\", key=\"%s\" pfValue=%p, fDefaultValue=%f.\n",
+    "Returning value %f.\n", "Returning default value %f.\n"};
+constexpr GetterTexts kBooleanTexts{
+    "Called, file=\"%s\" section=\"%s\", key=\"%s\" pbValue=%p, bDefaultValue=%d.\n",
+    "Returning bValue %d.\n", "Returning default bValue %d.\n"};
 
-struct Int64Family {
-    using Value = INT64;
-    using Converted = INT64;
-    static constexpr const char *kCalled =
-        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pnValue=%p, nDefaultValue=%lld.\n";
-    static constexpr const char *kReturning = "Returning value %lld.\n";
-    static constexpr const char *kReturningDefault = "Returning default value %lld.\n";
-    static bool Convert(const char *szText, Converted *pnValue, Value) {
-        return StringToDecINT64(szText, pnValue) != 0;
-    }
-    static Value Narrow(Converted nValue) { return nValue; }
-    static long long Printable(Value nValue) { return nValue; }
-};
+// The value as the trace formats above expect it.
+int TraceArgument(int nValue) {
+    return nValue;
+}
+unsigned int TraceArgument(unsigned int nValue) {
+    return nValue;
+}
+long long TraceArgument(INT64 nValue) {
+    return nValue;
+}
+double TraceArgument(float fValue) {
+    return fValue;
+}
 
-struct FloatFamily {
-    using Value = float;
-    using Converted = float;
-    static constexpr const char *kCalled =
-        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pfValue=%p, fDefaultValue=%f.\n";
-    static constexpr const char *kReturning = "Returning value %f.\n";
-    static constexpr const char *kReturningDefault = "Returning default value %f.\n";
-    static bool Convert(const char *szText, Converted *pfValue, Value) {
-        return StringToFLOAT(szText, pfValue) != 0;
-    }
-    static Value Narrow(Converted fValue) { return fValue; }
-    static double Printable(Value fValue) { return fValue; }
-};
+// Converts the value text; false when it is not a value of the type. The
+// default is passed for conversions that fall back on it themselves.
+template <class Value, class Converted>
+using ConvertValue = bool (*)(const char *szText, Converted *pValue, Value defaultValue);
 
-// A text that names no truth value gives the caller's default: never a bad value.
-struct BooleanFamily {
-    using Value = BOOL;
-    using Converted = BOOL;
-    static constexpr const char *kCalled =
-        "Called, file=\"%s\" section=\"%s\", key=\"%s\" pbValue=%p, bDefaultValue=%d.\n";
-    static constexpr const char *kReturning = "Returning bValue %d.\n";
-    static constexpr const char *kReturningDefault = "Returning default bValue %d.\n";
-    static bool Convert(const char *szText, Converted *pbValue, Value bDefaultValue) {
-        *pbValue = ConvertBooleanString(szText, bDefaultValue);
-        return true;
-    }
-    static Value Narrow(Converted bValue) { return bValue; }
-    static int Printable(Value bValue) { return bValue; }
-};
-
-template <class Family>
-int GetTypedValue(const char *szFunction, const char *szFileName, const char *szSection,
-                  const char *szKeyName, typename Family::Value *pValue,
-                  typename Family::Value defaultValue) {
+template <class Value, class Converted>
+int GetTypedValue(const char *szFunction, const GetterTexts &texts,
+                  ConvertValue<Value, Converted> pfnConvert, const char *szFileName,
+                  const char *szSection, const char *szKeyName, Value *pValue, Value defaultValue) {
     int iRetCode = CFGFILE_BAD_PARAMETERS;
     size_t nSize = kValueBufferSize;
     char szBuffer[kValueBufferSize];
 
-    CFG_TRACE_AS(szFunction, 7, Family::kCalled, szFileName, szSection, szKeyName,
-                 static_cast<void *>(pValue), Family::Printable(defaultValue));
+    CFG_TRACE_AS(szFunction, 7, texts.szCalled, szFileName, szSection, szKeyName,
+                 static_cast<void *>(pValue), TraceArgument(defaultValue));
     if (szFileName == nullptr || !IsValidString(szSection, kNameBufferSize) ||
         !IsValidString(szKeyName, kNameBufferSize))
         return iRetCode;
 
     iRetCode = _ReadValue(szFileName, szSection, szKeyName, szBuffer, &nSize);
     if (iRetCode == CFGFILE_SUCCESS) {
-        typename Family::Converted value{};
-        if (Family::Convert(szBuffer, &value, defaultValue)) {
+        Converted value{};
+        if (pfnConvert(szBuffer, &value, defaultValue)) {
+            // int and unsigned int keep the low 32 bits of the 64-bit conversion.
             if (pValue != nullptr) {
-                *pValue = Family::Narrow(value);
-                CFG_TRACE_AS(szFunction, 7, Family::kReturning, Family::Printable(*pValue));
+                *pValue = static_cast<Value>(value);
+                CFG_TRACE_AS(szFunction, 7, texts.szReturning, TraceArgument(*pValue));
             }
             return CFGFILE_SUCCESS;
         }
@@ -625,7 +605,7 @@ int GetTypedValue(const char *szFunction, const char *szFileName, const char *sz
     }
     if (pValue != nullptr) {
         *pValue = defaultValue;
-        CFG_TRACE_AS(szFunction, 7, Family::kReturningDefault, Family::Printable(defaultValue));
+        CFG_TRACE_AS(szFunction, 7, texts.szReturningDefault, TraceArgument(defaultValue));
     }
     return iRetCode;
 }
@@ -644,8 +624,8 @@ int GetVideoCode(const char *szFileName, const char *szSection, const char *szKe
     if (!VideoArgumentsValid(szFileName, szSection, szKeyName))
         return CFGFILE_BAD_PARAMETERS;
     const int iRetCode = _ReadValue(szFileName, szSection, szKeyName, szBuffer, &nSize);
-    const long lValue = iRetCode == CFGFILE_SUCCESS ? pfnConvert(szBuffer, lDefaultValue)
-                                                    : lDefaultValue;
+    const long lValue =
+        iRetCode == CFGFILE_SUCCESS ? pfnConvert(szBuffer, lDefaultValue) : lDefaultValue;
     if (plValue != nullptr)
         *plValue = static_cast<Code>(lValue);
     return iRetCode;
@@ -666,8 +646,8 @@ CFGFILE_API int CfgFile_GetStringValue(const char *szFileName, const char *szSec
               static_cast<void *>(pnBuffSize), szDefaultValue);
     // A null or over-long default is refused like a bad name: it is copied
     // and measured on every failure path.
-    if (szFileName == nullptr || szBuffer == nullptr || pnBuffSize == nullptr ||
-        *pnBuffSize == 0 || !IsValidString(szDefaultValue, kValueBufferSize) ||
+    if (szFileName == nullptr || szBuffer == nullptr || pnBuffSize == nullptr || *pnBuffSize == 0 ||
+        !IsValidString(szDefaultValue, kValueBufferSize) ||
         !IsValidString(szSection, kNameBufferSize) || !IsValidString(szKeyName, kNameBufferSize)) {
         CFG_TRACE(4, "Invalid parameters detected.\n");
         return iRetCode;
@@ -687,33 +667,51 @@ CFGFILE_API int CfgFile_GetStringValue(const char *szFileName, const char *szSec
 
 CFGFILE_API int CfgFile_GetIntValue(const char *szFileName, const char *szSection,
                                     const char *szKeyName, int *pnValue, int nDefaultValue) {
-    return GetTypedValue<IntFamily>(__func__, szFileName, szSection, szKeyName, pnValue,
-                                    nDefaultValue);
+    ConvertValue<int, LONG> pfnConvert = [](const char *szText, LONG *pnValue, int) {
+        return StringToDecLONG(szText, pnValue) != 0;
+    };
+    return GetTypedValue(__func__, kIntTexts, pfnConvert, szFileName, szSection, szKeyName, pnValue,
+                         nDefaultValue);
 }
 
 CFGFILE_API int CfgFile_GetUnsignedIntValue(const char *szFileName, const char *szSection,
                                             const char *szKeyName, unsigned int *pnValue,
                                             unsigned int nDefaultValue) {
-    return GetTypedValue<UnsignedIntFamily>(__func__, szFileName, szSection, szKeyName, pnValue,
-                                            nDefaultValue);
+    ConvertValue<unsigned int, ULONG> pfnConvert = [](const char *szText, ULONG *pnValue,
+                                                      unsigned int) {
+        return StringToDecULONG(szText, pnValue) != 0;
+    };
+    return GetTypedValue(__func__, kUnsignedIntTexts, pfnConvert, szFileName, szSection, szKeyName,
+                         pnValue, nDefaultValue);
 }
 
 CFGFILE_API int CfgFile_GetInt64Value(const char *szFileName, const char *szSection,
                                       const char *szKeyName, INT64 *pnValue, INT64 nDefaultValue) {
-    return GetTypedValue<Int64Family>(__func__, szFileName, szSection, szKeyName, pnValue,
-                                      nDefaultValue);
+    ConvertValue<INT64, INT64> pfnConvert = [](const char *szText, INT64 *pnValue, INT64) {
+        return StringToDecINT64(szText, pnValue) != 0;
+    };
+    return GetTypedValue(__func__, kInt64Texts, pfnConvert, szFileName, szSection, szKeyName,
+                         pnValue, nDefaultValue);
 }
 
 CFGFILE_API int CfgFile_GetFloatValue(const char *szFileName, const char *szSection,
                                       const char *szKeyName, float *pfValue, float fDefaultValue) {
-    return GetTypedValue<FloatFamily>(__func__, szFileName, szSection, szKeyName, pfValue,
-                                      fDefaultValue);
+    ConvertValue<float, float> pfnConvert = [](const char *szText, float *pfValue, float) {
+        return StringToFLOAT(szText, pfValue) != 0;
+    };
+    return GetTypedValue(__func__, kFloatTexts, pfnConvert, szFileName, szSection, szKeyName,
+                         pfValue, fDefaultValue);
 }
 
+// A text that names no truth value gives the caller's default: never a bad value.
 CFGFILE_API int CfgFile_GetBooleanValue(const char *szFileName, const char *szSection,
                                         const char *szKeyName, BOOL *pbValue, BOOL bDefaultValue) {
-    return GetTypedValue<BooleanFamily>(__func__, szFileName, szSection, szKeyName, pbValue,
-                                        bDefaultValue);
+    ConvertValue<BOOL, BOOL> pfnConvert = [](const char *szText, BOOL *pbValue, BOOL bDefault) {
+        *pbValue = ConvertBooleanString(szText, bDefault);
+        return true;
+    };
+    return GetTypedValue(__func__, kBooleanTexts, pfnConvert, szFileName, szSection, szKeyName,
+                         pbValue, bDefaultValue);
 }
 
 CFGFILE_API int CfgFile_GetVideoFormatValue(const char *szFileName, const char *szSection,
@@ -822,8 +820,9 @@ int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames 
     CopyString(names.szBackupFileName, names.szTarget, sizeof(names.szBackupFileName));
     CopyString(names.szTmpFileName, names.szTarget, sizeof(names.szTmpFileName));
     if (!StringReplaceAddSuffix(names.szBackupFileName, sizeof(names.szBackupFileName), '.', "bak"))
-        _DoAssert("StringReplaceAddSuffix(szBackupFileName, sizeof(szBackupFileName), '.', \"bak\")",
-                  szFunction, kSourceFile, __LINE__);
+        _DoAssert(
+            "StringReplaceAddSuffix(szBackupFileName, sizeof(szBackupFileName), '.', \"bak\")",
+            szFunction, kSourceFile, __LINE__);
     if (!StringReplaceAddSuffix(names.szTmpFileName, sizeof(names.szTmpFileName), '.', "tmp"))
         _DoAssert("StringReplaceAddSuffix(szTmpFileName, sizeof(szTmpFileName), '.', \"tmp\")",
                   szFunction, kSourceFile, __LINE__);
@@ -860,9 +859,8 @@ int CopyLines(const RewriteRules &rules, const RewriteNames &names, int fdRead, 
             }
             continue;
         }
-        const Verdict verdict = bLastPiece || HoldsNul(szLineBuffer, nLength)
-                                    ? Verdict::Copy
-                                    : op.Classify(line, tmp);
+        const Verdict verdict =
+            bLastPiece || HoldsNul(szLineBuffer, nLength) ? Verdict::Copy : op.Classify(line, tmp);
         switch (verdict) {
         case Verdict::Copy:
             if (!tmp.Write(szLineBuffer, nLength))
@@ -894,8 +892,9 @@ int SwapIn(const char *szFunction, const RewriteNames &names) {
     }
     if (Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) != 0) {
         const int nErr = errno;
-        CFG_TRACE_AS(szFunction, 7, "Failed to move tmp file to new config file, errno=%d, \"%s\".\n",
-                     nErr, strerror(nErr));
+        CFG_TRACE_AS(szFunction, 7,
+                     "Failed to move tmp file to new config file, errno=%d, \"%s\".\n", nErr,
+                     strerror(nErr));
         Sys([&] { return rename(names.szBackupFileName, szFileName); }, -1);
         return CFGFILE_FAILURE;
     }
@@ -933,7 +932,8 @@ RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, 
     int iRetCode = CopyLines<N>(rules, names, readFile.Get(), tmp, op);
     if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
         iRetCode = CFGFILE_FAILURE;
-    const bool bSwap = iRetCode == CFGFILE_SUCCESS && (op.Changed() || !rules.bDiscardWhenUnchanged);
+    const bool bSwap =
+        iRetCode == CFGFILE_SUCCESS && (op.Changed() || !rules.bDiscardWhenUnchanged);
 
     // A temporary file that could not be written, flushed, synced or closed
     // whole is never swapped in.
@@ -1382,8 +1382,8 @@ CFGFILE_API int CfgFile_SetFloatValue(const char *szFileName, const char *szSect
     // that the file reads back the same everywhere.
     const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
     const locale_t previousLocale = cLocale ? uselocale(cLocale) : static_cast<locale_t>(0);
-    const int nLength = snprintf(szBuffer, sizeof(szBuffer), "%.*f", DecimalPrecision,
-                                 static_cast<double>(fValue));
+    const int nLength =
+        snprintf(szBuffer, sizeof(szBuffer), "%.*f", DecimalPrecision, static_cast<double>(fValue));
     if (cLocale) {
         uselocale(previousLocale);
         freelocale(cLocale);
