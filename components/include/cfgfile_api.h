@@ -211,15 +211,19 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
  * line beginning with '['. szSectionPrefix is a whole name, or a prefix
  * ending in '*' ("video*"); any letter case. An empty szSectionPrefix selects
  * sections whose name is blank ("[ ]"). The file is rewritten even when no
- * section is selected. CFGFILE_SUCCESS also for a missing file (nothing is
- * created); CFGFILE_BAD_PARAMETERS for a name over 246 characters;
- * CFGFILE_FAILURE when the rewrite fails (the old file stays). */
+ * section is selected. CFGFILE_SUCCESS also when the file cannot be opened
+ * for reading, missing or unreadable: there is nothing the call can remove,
+ * and nothing is created. CFGFILE_BAD_PARAMETERS for a name over 246
+ * characters or a NULL argument; CFGFILE_FAILURE when the rewrite fails (the
+ * old file stays byte for byte). If the directory cannot be synced after the
+ * swap, the call succeeds and keeps "<name>.bak" as the durable old copy. */
 CFGFILE_API int CfgFile_DeleteSections(const char *szFileName, const char *szSectionPrefix);
 
-/* Removes the first line of key szKeyName in the first section szSection
- * that holds it. When the file, section or key is missing the file is left
- * as it was and CFGFILE_SUCCESS is returned. Results otherwise as for
- * CfgFile_DeleteSections. */
+/* Removes the first line of key szKeyName in the first section named
+ * szSection (after a removal, later sections of that name are searched
+ * again). When the file cannot be opened, or the section or key is missing,
+ * the file is left as it was (not rewritten) and CFGFILE_SUCCESS is returned.
+ * Results otherwise as for CfgFile_DeleteSections. */
 CFGFILE_API int CfgFile_DeleteKey(const char *szFileName, const char *szSection,
                                   const char *szKeyName);
 

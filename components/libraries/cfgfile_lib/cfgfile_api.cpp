@@ -898,9 +898,10 @@ int SwapIn(const char *szFunction, const RewriteNames &names) {
         Sys([&] { return rename(names.szBackupFileName, szFileName); }, -1);
         return CFGFILE_FAILURE;
     }
-    // Until the directory is on disk the backup is the only durable copy: keep it.
+    // The new file is in place. Until the directory is on disk, the backup
+    // is the only copy sure to survive a power cut: keep it then.
     if (!SyncDirectoryOf(szFileName))
-        return CFGFILE_FAILURE;
+        return CFGFILE_SUCCESS;
     if (Sys([&] { return unlink(names.szBackupFileName); }, -1) != 0)
         CFG_TRACE_AS(szFunction, 7, "Failed to delete backup file \"%s\".\n",
                      names.szBackupFileName);
