@@ -13,14 +13,14 @@ trap 'rm -rf "$work"' EXIT
 cp examples/device.ini "$work/device.ini"
 file=$work/device.ini
 
-run() { printf '$ cfgfile %s\n' "$*"; "$cfgfile" "$@"; }
-run get "$file" Network Port --type int
-run get "$file" Video Format --type video-format
+run() { printf '$ cfgfile %s\n' "${*//$file/device.ini}"; "$cfgfile" "$@"; }
+run get "$file" Network RtspPort --type int
 run get "$file" Video Resolution --type video-size
-run get "$file" Audio Enabled --type bool
-run get "$file" Network Gateway --default 192.168.1.1
-run set "$file" Network Port 8443 --type int
-run set "$file" Video Bitrate 6.5 --type float --precision 1
+run get "$file" Audio Gain --type float
+run get "$file" Device Enabled --type bool
+run get "$file" Network NtpServer --default pool.ntp.org
+run set "$file" Network RtspPort 8554 --type int
+run set "$file" Video Brightness 0.75 --type float --precision 2
 run set "$file" Cloud Enabled yes --type bool
 run sections "$file"
 run del-key "$file" Network Gateway
