@@ -1,10 +1,7 @@
 // Finding, commenting out and deleting the first line that begins with a prefix.
 #include <cstring>
-#include <functional>
 #include <utility>
 #include <vector>
-
-#include <sys/stat.h>
 
 #include "cfgfile_api.h"
 #include "test_support.h"
@@ -18,6 +15,7 @@ using cfgtest::WriteFile;
 
 namespace {
 
+// Test names, and listings of the cases, show each case by its name.
 const auto kCaseName = [](const auto &info) { return std::string(info.param.name); };
 
 // ------------------------------------------------------------------ find
@@ -29,6 +27,10 @@ struct FindCase {
     size_t nBuffSize;
     const char *found; // nullptr: no line found
 };
+
+void PrintTo(const FindCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class FindLineStartingWith : public ::testing::TestWithParam<FindCase> {};
 
@@ -116,6 +118,10 @@ struct LineCase {
     std::string commented; // after CfgFile_CommentLineStartingWith
     std::string deleted;   // after CfgFile_DeleteLineStartingWith
 };
+
+void PrintTo(const LineCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class PrefixedLineChange : public ::testing::TestWithParam<LineCase> {
   protected:

@@ -1,4 +1,5 @@
-// Section enumeration, section deletion, key deletion and clearing a section's keys.
+// Section enumeration, section deletion, key deletion and clearing a section's keys;
+// a rewrite whose temporary file cannot be created.
 #include <algorithm>
 #include <functional>
 #include <iterator>
@@ -18,11 +19,12 @@ using cfgtest::WriteFile;
 
 namespace {
 
+// Test names, and listings of the cases, show each case by its name.
 const auto kCaseName = [](const auto &info) { return std::string(info.param.name); };
 
 // A line of nLength characters whose last read, for a reader taking nPiece
-// characters at a time, is blanks then szTail: taken for a line of its own,
-// that read would look like szTail.
+// characters at a time, is blanks then `tail`: taken for a line of its own,
+// that read would look like `tail`.
 std::string OverlongLine(size_t nLength, size_t nPiece, const std::string &tail) {
     const size_t nHead = nLength / nPiece * nPiece;
     return std::string(nHead, 'x') + std::string(nLength - nHead - tail.size(), ' ') + tail;
@@ -39,6 +41,10 @@ struct EnumerateCase {
     const char *prefix;
     std::string list; // every matching name with its NUL, in file order
 };
+
+void PrintTo(const EnumerateCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class EnumerateSections : public ::testing::TestWithParam<EnumerateCase> {};
 
@@ -119,6 +125,10 @@ struct DeletionCase {
     std::string after;
     bool bReplaced;
 };
+
+void PrintTo(const DeletionCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class DeletionBytes : public ::testing::TestWithParam<DeletionCase> {
   protected:
@@ -236,12 +246,12 @@ INSTANTIATE_TEST_SUITE_P(Maintenance, DeleteKeyBytes, ::testing::ValuesIn(kDelet
 INSTANTIATE_TEST_SUITE_P(Maintenance, DeleteAllSectionKeysBytes,
                          ::testing::ValuesIn(kDeleteAllSectionKeysCases), kCaseName);
 
-struct Deletion {
+struct Rewrite {
     const char *szFunction;
     std::function<int(const char *)> op;
 };
 
-const Deletion kDeletions[] = {
+const Rewrite kDeletions[] = {
     {"CfgFile_DeleteSections", [](const char *f) { return CfgFile_DeleteSections(f, "net"); }},
     {"CfgFile_DeleteKey", [](const char *f) { return CfgFile_DeleteKey(f, "net", "k"); }},
     {"CfgFile_DeleteAllSectionKeys",
@@ -256,8 +266,8 @@ TEST(Deletions, MissingFileNullNamesAndLongName) {
     ScratchDir dir;
     const std::string file = dir / "device.ini";
     WriteFile(dir / "device.bak", "old\n");
-    for (const Deletion &deletion : kDeletions) {
-        EXPECT_EQ(CFGFILE_SUCCESS, deletion.op(file.c_str())) << deletion.szFunction;
+    for (const Rewrite &rewrite : kDeletions) {
+        EXPECT_EQ(CFGFILE_SUCCESS, rewrite.op(file.c_str())) << rewrite.szFunction;
         EXPECT_FALSE(Exists(file));
         EXPECT_FALSE(Exists(dir / "device.tmp"));
         EXPECT_EQ("old\n", ReadFile(dir / "device.bak"));
@@ -265,8 +275,8 @@ TEST(Deletions, MissingFileNullNamesAndLongName) {
     std::string name247 = dir / "";
     name247 += std::string(247 - name247.size(), 'n');
     WriteFile(name247, "[net]\nk=1\n");
-    for (const Deletion &deletion : kDeletions)
-        EXPECT_EQ(CFGFILE_BAD_PARAMETERS, deletion.op(name247.c_str())) << deletion.szFunction;
+    for (const Rewrite &rewrite : kDeletions)
+        EXPECT_EQ(CFGFILE_BAD_PARAMETERS, rewrite.op(name247.c_str())) << rewrite.szFunction;
     EXPECT_EQ("[net]\nk=1\n", ReadFile(name247));
     EXPECT_FALSE(Exists(name247 + ".tmp"));
 
@@ -318,17 +328,17 @@ TEST(Rewrites, TemporaryFileCannotBeCreated) {
     ASSERT_EQ(0, mkdir(tmp.c_str(), 0700));
     WriteFile(file, "[Net]\nk=1\n");
     const ino_t nInode = Inode(file);
-    std::vector<Deletion> rewrites(std::begin(kDeletions), std::end(kDeletions));
+    std::vector<Rewrite> rewrites(std::begin(kDeletions), std::end(kDeletions));
     rewrites.push_back({"CfgFile_CommentLineStartingWith",
                         [](const char *f) { return CfgFile_CommentLineStartingWith(f, "k"); }});
     rewrites.push_back({"CfgFile_DeleteLineStartingWith",
                         [](const char *f) { return CfgFile_DeleteLineStartingWith(f, "k"); }});
-    for (const Deletion &deletion : rewrites) {
+    for (const Rewrite &rewrite : rewrites) {
         cfgtest::TraceCapture trace(7);
-        EXPECT_EQ(CFGFILE_FAILURE, deletion.op(file.c_str())) << deletion.szFunction;
+        EXPECT_EQ(CFGFILE_FAILURE, rewrite.op(file.c_str())) << rewrite.szFunction;
         const std::vector<std::string> expected = {
             Quoted("OPENED", file), Quoted("Unable to open tmp file", tmp), Quoted("closed", file)};
-        EXPECT_EQ(expected, trace.Texts()) << deletion.szFunction;
+        EXPECT_EQ(expected, trace.Texts()) << rewrite.szFunction;
         EXPECT_EQ("[Net]\nk=1\n", ReadFile(file));
         EXPECT_EQ(nInode, Inode(file));
         EXPECT_FALSE(Exists(dir / "device.bak"));

@@ -30,8 +30,8 @@ TEST_P(Lookup, FindsValueOrSaysWhy) {
     WriteFile(file, c.file);
     char szValue[256];
     size_t nSize = sizeof(szValue);
-    ASSERT_EQ(c.iResult, CfgFile_GetStringValue(file.c_str(), c.section, c.key, szValue, &nSize,
-                                                "dflt"));
+    ASSERT_EQ(c.iResult,
+              CfgFile_GetStringValue(file.c_str(), c.section, c.key, szValue, &nSize, "dflt"));
     const std::string expected = c.iResult == CFGFILE_SUCCESS ? c.value : "dflt";
     EXPECT_EQ(expected, szValue);
     EXPECT_EQ(expected.size() + 1, nSize);
@@ -62,8 +62,7 @@ const LookupCase kLookupCases[] = {
     {"MalformedSectionEndsSearch", "[a]\n[ab\nk=1\n", "a", "k", CFGFILE_KEY_NOT_FOUND, ""},
     {"EmptyBracketsEndSearch", "[a]\n []\nk=1\n", "a", "k", CFGFILE_KEY_NOT_FOUND, ""},
     {"MalformedSectionOutsideIgnored", "[ab\n []\n[a]\nk=1\n", "a", "k", CFGFILE_SUCCESS, "1"},
-    {"Section79Chars", "[" + std::string(79, 's') + "]\nk=1\n", nullptr, "k", CFGFILE_SUCCESS,
-     "1"},
+    {"Section79Chars", "[" + std::string(79, 's') + "]\nk=1\n", nullptr, "k", CFGFILE_SUCCESS, "1"},
     {"Section80CharsIgnored", "[" + std::string(80, 's') + "]\nk=1\n", nullptr, "k",
      CFGFILE_SECTION_NOT_FOUND, ""},
     {"BlankSectionName", "[   ]\nk=1\n", "", "k", CFGFILE_SUCCESS, "1"},
@@ -113,8 +112,8 @@ TEST(StringGetter, CutsToBufferAndReportsWholeLength) {
     EXPECT_EQ(11u, nSize);
 
     nSize = sizeof(szValue);
-    EXPECT_EQ(CFGFILE_FILE_ACCESS, CfgFile_GetStringValue((dir / "missing").c_str(), "a", "k",
-                                                          szValue, &nSize, "dflt"));
+    EXPECT_EQ(CFGFILE_FILE_ACCESS,
+              CfgFile_GetStringValue((dir / "missing").c_str(), "a", "k", szValue, &nSize, "dflt"));
     EXPECT_STREQ("dflt", szValue);
     EXPECT_EQ(5u, nSize);
 }
@@ -145,15 +144,15 @@ TEST(StringGetter, RefusedArgumentsTouchNothing) {
     };
     for (const auto &r : kRefused) {
         TraceCapture trace(4);
-        EXPECT_EQ(CFGFILE_BAD_PARAMETERS,
-                  CfgFile_GetStringValue(r.file, r.section, r.key, r.buffer, r.size, r.defaultValue));
+        EXPECT_EQ(CFGFILE_BAD_PARAMETERS, CfgFile_GetStringValue(r.file, r.section, r.key, r.buffer,
+                                                                 r.size, r.defaultValue));
         EXPECT_EQ(std::vector<std::string>{"Invalid parameters detected.\n"}, trace.Texts());
     }
     EXPECT_STREQ("untouched", szValue);
     EXPECT_EQ(sizeof(szValue), nSize);
 }
 
-// One row per getter and input: what it returns and stores.
+// One row per getter and input: what it returns and what it stores.
 TEST(TypedGetters, ResultsAndStoredValues) {
     ScratchDir dir;
     const std::string file = dir / "f.ini";
@@ -161,54 +160,59 @@ TEST(TypedGetters, ResultsAndStoredValues) {
                     "over = 9223372036854775808\nneg = -1\nf = 1.50\nyes = Yes\nno = off\n"
                     "odd = maybe\n");
     const char *f = file.c_str();
-    int nInt = -7;
-    EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetIntValue(f, "n", "port", &nInt, 1));
-    EXPECT_EQ(8080, nInt);
-    EXPECT_EQ(CFGFILE_BAD_VALUE, CfgFile_GetIntValue(f, "n", "name", &nInt, 1));
-    EXPECT_EQ(1, nInt);
-    EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetIntValue(f, "n", "big", &nInt, 0));
-    EXPECT_EQ(1, nInt); // the low 32 bits
-    EXPECT_EQ(CFGFILE_BAD_VALUE, CfgFile_GetIntValue(f, "n", "over", &nInt, 2));
-    EXPECT_EQ(2, nInt);
-    EXPECT_EQ(CFGFILE_KEY_NOT_FOUND, CfgFile_GetIntValue(f, "n", "none", &nInt, 3));
-    EXPECT_EQ(3, nInt);
-    EXPECT_EQ(CFGFILE_SECTION_NOT_FOUND, CfgFile_GetIntValue(f, "x", "port", &nInt, 4));
-    EXPECT_EQ(4, nInt);
-    EXPECT_EQ(CFGFILE_FILE_ACCESS, CfgFile_GetIntValue((dir / "no").c_str(), "n", "port", &nInt, 5));
-    EXPECT_EQ(5, nInt);
+    using Outcome = std::pair<int, std::string>;
+    auto getInt = [&](const char *szFile, const char *szSection, const char *szKey) {
+        int nValue = -7;
+        const int iResult = CfgFile_GetIntValue(szFile, szSection, szKey, &nValue, 1);
+        return Outcome{iResult, std::to_string(nValue)};
+    };
+    auto getUnsigned = [&](const char *szKey) {
+        unsigned int nValue = 0;
+        const int iResult = CfgFile_GetUnsignedIntValue(f, "n", szKey, &nValue, 6);
+        return Outcome{iResult, std::to_string(nValue)};
+    };
+    auto getInt64 = [&](const char *szKey) {
+        INT64 nValue = 0;
+        const int iResult = CfgFile_GetInt64Value(f, "n", szKey, &nValue, -1);
+        return Outcome{iResult, std::to_string(nValue)};
+    };
+    auto getFloat = [&](const char *szKey) {
+        float fValue = 0;
+        const int iResult = CfgFile_GetFloatValue(f, "n", szKey, &fValue, 2.5f);
+        return Outcome{iResult, std::to_string(fValue)};
+    };
+    auto getBool = [&](const char *szKey, BOOL bDefault) {
+        BOOL bValue = 7;
+        const int iResult = CfgFile_GetBooleanValue(f, "n", szKey, &bValue, bDefault);
+        return Outcome{iResult, std::to_string(bValue)};
+    };
+    const struct {
+        Outcome actual;
+        Outcome expected;
+    } kCases[] = {
+        {getInt(f, "n", "port"), {CFGFILE_SUCCESS, "8080"}},
+        {getInt(f, "n", "name"), {CFGFILE_BAD_VALUE, "1"}},
+        {getInt(f, "n", "big"), {CFGFILE_SUCCESS, "1"}}, // the low 32 bits
+        {getInt(f, "n", "over"), {CFGFILE_BAD_VALUE, "1"}},
+        {getInt(f, "n", "none"), {CFGFILE_KEY_NOT_FOUND, "1"}},
+        {getInt(f, "x", "port"), {CFGFILE_SECTION_NOT_FOUND, "1"}},
+        {getInt((dir / "no").c_str(), "n", "port"), {CFGFILE_FILE_ACCESS, "1"}},
+        {getInt(nullptr, "n", "port"), {CFGFILE_BAD_PARAMETERS, "-7"}},
+        {getInt(f, nullptr, "port"), {CFGFILE_BAD_PARAMETERS, "-7"}},
+        {getUnsigned("big"), {CFGFILE_SUCCESS, "1"}},
+        {getUnsigned("neg"), {CFGFILE_BAD_VALUE, "6"}},
+        {getInt64("huge"), {CFGFILE_SUCCESS, "5000000000"}},
+        {getInt64("over"), {CFGFILE_BAD_VALUE, "-1"}},
+        {getFloat("f"), {CFGFILE_SUCCESS, "1.500000"}},
+        {getFloat("name"), {CFGFILE_BAD_VALUE, "2.500000"}},
+        {getBool("yes", FALSE), {CFGFILE_SUCCESS, "1"}},
+        {getBool("no", TRUE), {CFGFILE_SUCCESS, "0"}},
+        {getBool("odd", TRUE), {CFGFILE_SUCCESS, "1"}},
+        {getBool("odd", FALSE), {CFGFILE_SUCCESS, "0"}},
+    };
+    for (size_t i = 0; i < std::size(kCases); ++i)
+        EXPECT_EQ(kCases[i].expected, kCases[i].actual) << "row " << i;
     EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetIntValue(f, "n", "port", nullptr, 0));
-    nInt = 9;
-    EXPECT_EQ(CFGFILE_BAD_PARAMETERS, CfgFile_GetIntValue(nullptr, "n", "port", &nInt, 0));
-    EXPECT_EQ(CFGFILE_BAD_PARAMETERS, CfgFile_GetIntValue(f, nullptr, "port", &nInt, 0));
-    EXPECT_EQ(9, nInt);
-
-    unsigned int nUnsigned = 0;
-    EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetUnsignedIntValue(f, "n", "big", &nUnsigned, 0));
-    EXPECT_EQ(1u, nUnsigned);
-    EXPECT_EQ(CFGFILE_BAD_VALUE, CfgFile_GetUnsignedIntValue(f, "n", "neg", &nUnsigned, 6));
-    EXPECT_EQ(6u, nUnsigned);
-
-    INT64 nInt64 = 0;
-    EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetInt64Value(f, "n", "huge", &nInt64, 0));
-    EXPECT_EQ(5000000000, nInt64);
-    EXPECT_EQ(CFGFILE_BAD_VALUE, CfgFile_GetInt64Value(f, "n", "over", &nInt64, -1));
-    EXPECT_EQ(-1, nInt64);
-
-    float fValue = 0;
-    EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetFloatValue(f, "n", "f", &fValue, 0));
-    EXPECT_EQ(1.5f, fValue);
-    EXPECT_EQ(CFGFILE_BAD_VALUE, CfgFile_GetFloatValue(f, "n", "name", &fValue, 2.5f));
-    EXPECT_EQ(2.5f, fValue);
-
-    BOOL bValue = FALSE;
-    EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetBooleanValue(f, "n", "yes", &bValue, FALSE));
-    EXPECT_TRUE(bValue);
-    EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetBooleanValue(f, "n", "no", &bValue, TRUE));
-    EXPECT_FALSE(bValue);
-    for (BOOL bDefault : {TRUE, FALSE}) {
-        EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetBooleanValue(f, "n", "odd", &bValue, bDefault));
-        EXPECT_EQ(bDefault, bValue);
-    }
 }
 
 TEST(Tracing, LevelsFilterMessages) {
