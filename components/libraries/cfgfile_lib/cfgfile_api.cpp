@@ -152,13 +152,16 @@ int OpenForReading(const char *szFileName) {
     if (fd < 0)
         return -1;
     struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        const int nErr = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-        close(fd);
-        errno = nErr;
-        return -1;
-    }
-    return fd;
+    int nErr = 0;
+    if (fstat(fd, &st) != 0)
+        nErr = errno;
+    else if (!S_ISREG(st.st_mode))
+        nErr = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    if (nErr == 0)
+        return fd;
+    close(fd);
+    errno = nErr;
+    return -1;
 }
 
 // Reads a file line by line like fgets, through a block buffer of its own,
