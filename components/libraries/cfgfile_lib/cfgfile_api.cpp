@@ -165,15 +165,50 @@ int OpenForReading(const char *szFileName) {
 }
 
 // Reads a file line by line like fgets, through a block buffer of its own,
-// and tells the true length of every read, NUL bytes included.
+// and tells the true length of every read, NUL bytes included. A read that
+// lies whole in the block is handed out in place, terminated by a NUL that
+// stands in for the next byte until the following call: no copy per line.
 class LineReader {
   public:
     explicit LineReader(int fd) : m_fd(fd) {}
 
-    // Reads up to nCapacity - 1 bytes, stopping after a line feed, into
-    // szBuffer and terminates it. Returns the number of bytes read; 0 at the
-    // end of the file, after a read error, or when nCapacity < 2.
+    // Reads up to nCapacity - 1 bytes, stopping after a line feed, and hands
+    // them out terminated in *pszLine: in the block, or copied into szSpill
+    // (nCapacity bytes) when they span two blocks; *pnLength is their number.
+    // False at the end of the file, after a read error, or when nCapacity < 2.
+    // The text may be changed until the next call.
+    bool Next(char *szSpill, size_t nCapacity, char **pszLine, size_t *pnLength) {
+        Unterminate();
+        const size_t nMax = nCapacity - 1;
+        const size_t nAvailable = m_nEnd - m_nPos < nMax ? m_nEnd - m_nPos : nMax;
+        char *pcStart = m_block + m_nPos;
+        const void *pvNewline = memchr(pcStart, '\n', nAvailable);
+        if (nCapacity < 2 || (pvNewline == nullptr && (nAvailable < nMax || nAvailable == 0)))
+            return NextAcrossBlocks(szSpill, nCapacity, pszLine, pnLength);
+        const size_t nTake = pvNewline ? static_cast<const char *>(pvNewline) - pcStart + 1 : nMax;
+        m_nPos += nTake;
+        m_cTerminated = m_block[m_nPos];
+        m_block[m_nPos] = '\0';
+        m_bTerminated = true;
+        Remember(pcStart, nTake, true);
+        *pszLine = pcStart;
+        *pnLength = nTake;
+        return true;
+    }
+
+  private:
+    // The rare read that runs past the end of the block, or the file's end.
+    __attribute__((noinline)) bool NextAcrossBlocks(char *szSpill, size_t nCapacity, char **pszLine,
+                                                    size_t *pnLength) {
+        *pnLength = ReadLine(szSpill, nCapacity);
+        *pszLine = szSpill;
+        return *pnLength > 0;
+    }
+
+  public:
+    // Reads like Next, always into szBuffer (nCapacity bytes); returns the length.
     size_t ReadLine(char *szBuffer, size_t nCapacity) {
+        Unterminate();
         if (nCapacity < 2)
             return 0;
         size_t nLength = 0;
@@ -193,36 +228,76 @@ class LineReader {
                 break;
         }
         szBuffer[nLength] = '\0';
+        Remember(szBuffer, nLength, false);
         return nLength;
     }
 
+    // Whether the last read holds a NUL byte: such text is not a line of the format.
+    bool LastHoldsNul() const {
+        if (m_bLastInBlock && !m_bBlockHoldsNul)
+            return false;
+        return memchr(m_pcLast, '\0', m_nLastLength) != nullptr;
+    }
+
     bool Failed() const { return m_bFailed; }
+    bool LastInBlock() const { return m_bLastInBlock; }
+
+    // Calls pfnHook(pContext) before the block is read over, so that a writer
+    // still holding text of the block can write it out first.
+    void OnRefill(void (*pfnHook)(void *), void *pContext) {
+        m_pfnRefillHook = pfnHook;
+        m_pRefillContext = pContext;
+    }
 
   private:
+    void Remember(const char *pcText, size_t nLength, bool bInBlock) {
+        m_pcLast = pcText;
+        m_nLastLength = nLength;
+        m_bLastInBlock = bInBlock;
+    }
+
+    // The block holds one byte more than is read into it: room for the NUL
+    // that ends a read handed out in place, saved and put back here.
+    void Unterminate() {
+        if (m_bTerminated)
+            m_block[m_nPos] = m_cTerminated;
+        m_bTerminated = false;
+    }
+
     bool Refill() {
+        if (m_pfnRefillHook != nullptr)
+            m_pfnRefillHook(m_pRefillContext);
+        m_bTerminated = false;
+        m_nPos = 0;
+        m_nEnd = 0;
         if (m_bFailed)
             return false;
         ssize_t nRead;
         do {
-            nRead = Sys([&] { return read(m_fd, m_block, sizeof(m_block)); }, ssize_t(-1));
+            nRead = Sys([&] { return read(m_fd, m_block, kBlockSize); }, ssize_t(-1));
         } while (nRead < 0 && errno == EINTR);
         if (nRead < 0)
             m_bFailed = true;
-        m_nPos = 0;
         m_nEnd = nRead > 0 ? static_cast<size_t>(nRead) : 0;
+        m_bBlockHoldsNul = memchr(m_block, '\0', m_nEnd) != nullptr;
         return m_nEnd > 0;
     }
 
+    static constexpr size_t kBlockSize = 4096;
     int m_fd;
     size_t m_nPos = 0;
     size_t m_nEnd = 0;
     bool m_bFailed = false;
-    char m_block[4096];
+    bool m_bBlockHoldsNul = false;
+    bool m_bTerminated = false;
+    char m_cTerminated = 0;
+    const char *m_pcLast = nullptr;
+    size_t m_nLastLength = 0;
+    bool m_bLastInBlock = false;
+    void (*m_pfnRefillHook)(void *) = nullptr;
+    void *m_pRefillContext = nullptr;
+    char m_block[kBlockSize + 1];
 };
-
-bool HoldsNul(const char *szLine, size_t nLength) {
-    return strlen(szLine) != nLength;
-}
 
 // Writes a new file through a stream. A failed write is remembered, so that
 // Commit() - flush, fsync, close, each checked - can refuse a short file.
@@ -263,18 +338,27 @@ class OutputFile {
     FILE *Stream() const { return m_fp; }
 
     bool Write(const char *pcData, size_t nLength) {
-        if (m_bFailed)
-            return false;
-        const size_t nWritten =
-            Sys([&] { return fwrite_unlocked(pcData, 1, nLength, m_fp); }, size_t(0));
-        if (nWritten != nLength) {
-            m_bFailed = true;
-            return false;
-        }
-        if (nLength > 0)
-            m_bAtLineStart = pcData[nLength - 1] == '\n';
-        return true;
+        return WritePending() && WriteNow(pcData, nLength);
     }
+
+    // Copies text that stays where it is until WritePending(): consecutive
+    // pieces of one buffer go out in one write.
+    void CopyPending(const char *pcData, size_t nLength) {
+        if (m_pcPending + m_nPending != pcData) [[unlikely]] {
+            WritePending();
+            m_pcPending = pcData;
+        }
+        m_nPending += nLength;
+        m_bAtLineStart = nLength > 0 && pcData[nLength - 1] == '\n';
+    }
+
+    __attribute__((noinline)) bool WritePending() {
+        const size_t nPending = m_nPending;
+        m_nPending = 0;
+        return nPending == 0 ? !m_bFailed : WriteNow(m_pcPending, nPending);
+    }
+
+    bool Failed() const { return m_bFailed; }
 
     bool Write(std::string_view text) { return Write(text.data(), text.size()); }
 
@@ -288,7 +372,7 @@ class OutputFile {
     // Flushes, syncs (when bSync) and closes the file; false when any of it,
     // or any earlier write, failed.
     bool Commit(bool bSync) {
-        bool bOk = !m_bFailed;
+        bool bOk = WritePending();
         bOk = Sys([&] { return fflush(m_fp); }, EOF) == 0 && bOk;
         if (bSync)
             bOk = Sys([&] { return fsync(fileno(m_fp)); }, -1) == 0 && bOk;
@@ -298,9 +382,25 @@ class OutputFile {
     }
 
   private:
+    bool WriteNow(const char *pcData, size_t nLength) {
+        if (m_bFailed)
+            return false;
+        const size_t nWritten =
+            Sys([&] { return fwrite_unlocked(pcData, 1, nLength, m_fp); }, size_t(0));
+        if (nWritten != nLength) {
+            m_bFailed = true;
+            return false;
+        }
+        if (nLength > 0)
+            m_bAtLineStart = pcData[nLength - 1] == '\n';
+        return true;
+    }
+
     FILE *m_fp = nullptr;
     bool m_bFailed = false;
     bool m_bAtLineStart = true;
+    const char *m_pcPending = nullptr;
+    size_t m_nPending = 0;
 };
 
 // Makes the renames in the directory of szPath durable.
@@ -459,10 +559,11 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     const SectionLineTraces sectionTraces{__func__, szFileName, 7};
     LineReader reader(file.Get());
     size_t nLineLength;
-    while ((nLineLength = reader.ReadLine(szLineBuffer, sizeof(szLineBuffer))) > 0) {
+    char *szLine;
+    while (reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength)) {
         ++iLineCount;
         CFG_TRACE(8, "Processing line %d.\n", iLineCount);
-        if (HoldsNul(szLineBuffer, nLineLength))
+        if (reader.LastHoldsNul())
             continue; // not text: never a section or key line
         if (nLineLength <= kShortLineLength) {
             CFG_TRACE(8, "Line %d is too short to be processed.\n", iLineCount);
@@ -472,16 +573,16 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
             CFG_TRACE(4,
                       "Line %d of file \"%s\" of %d chars might not have been read completely.\n",
                       iLineCount, szFileName, static_cast<int>(nLineLength));
-        if (szLineBuffer[nLineLength - 1] != '\n')
+        if (szLine[nLineLength - 1] != '\n')
             CFG_TRACE(
                 5, "Line %d of file \"%s\" of %d char is not terminated by new line character.\n",
                 iLineCount, szFileName, static_cast<int>(nLineLength));
         else
-            szLineBuffer[--nLineLength] = '\0';
-        if (nLineLength > 0 && szLineBuffer[nLineLength - 1] == '\r')
-            szLineBuffer[--nLineLength] = '\0';
+            szLine[--nLineLength] = '\0';
+        if (nLineLength > 0 && szLine[nLineLength - 1] == '\r')
+            szLine[--nLineLength] = '\0';
 
-        char *pcLine = SkipBlanks(szLineBuffer);
+        char *pcLine = SkipBlanks(szLine);
         // Comment line.
         if (*pcLine == '#') {
             CFG_TRACE(8, "Skipping comment line %d.\n", iLineCount);
@@ -832,41 +933,51 @@ int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames 
     return CFGFILE_SUCCESS;
 }
 
+// Copies a read unchanged. A read handed out in the reader's block joins the
+// run of copied text before it, written out in one go (before the block is
+// read over, or before anything else is written).
+inline bool CopyRead(const LineReader &reader, OutputFile &tmp, const char *szLine,
+                     size_t nLength) {
+    if (!reader.LastInBlock())
+        return tmp.Write(szLine, nLength);
+    tmp.CopyPending(szLine, nLength);
+    return !tmp.Failed();
+}
+
 // Copies the file into the temporary file, line by line, as the operation
 // decides. The end of an over-long line and a read holding NUL bytes pass
 // through unchanged: a line is copied or left out whole, never split or cut.
 template <size_t N, class Operation>
-int CopyLines(const RewriteRules &rules, const RewriteNames &names, int fdRead, OutputFile &tmp,
-              Operation &op) {
+int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
+              OutputFile &tmp, Operation &op) {
     const char *szFunction = rules.szFunction;
     char szLineBuffer[N];
-    LineReader reader(fdRead);
     int iLineCount = 0;
     bool bInsideLine = false; // the previous read ended inside a line
+    char *szLine;
     size_t nLength;
-    while ((nLength = reader.ReadLine(szLineBuffer, N)) > 0) {
+    while (reader.Next(szLineBuffer, N, &szLine, &nLength)) {
         ++iLineCount;
         CFG_TRACE_AS(szFunction, rules.nProcessingLevel, "Processing line %d.\n", iLineCount);
-        const bool bHasNewline = szLineBuffer[nLength - 1] == '\n';
+        const bool bHasNewline = szLine[nLength - 1] == '\n';
         const bool bFullPiece = !bHasNewline && nLength == N - 1;
         const bool bLastPiece = bInsideLine && !bFullPiece;
-        const RewriteLine line{szLineBuffer, nLength, iLineCount, bHasNewline,
-                               bInsideLine || bFullPiece};
+        const RewriteLine line{szLine, nLength, iLineCount, bHasNewline, bInsideLine || bFullPiece};
         bInsideLine = !bHasNewline;
 
         if (op.InTail()) {
-            if (!tmp.Write(szLineBuffer, nLength)) {
-                CFG_TRACE_AS(szFunction, 7, "Unable to write \"%s\" to tmp file \"%s\".\n",
-                             szLineBuffer, names.szTmpFileName);
+            if (!CopyRead(reader, tmp, szLine, nLength)) {
+                CFG_TRACE_AS(szFunction, 7, "Unable to write \"%s\" to tmp file \"%s\".\n", szLine,
+                             names.szTmpFileName);
                 return CFGFILE_FAILURE;
             }
             continue;
         }
         const Verdict verdict =
-            bLastPiece || HoldsNul(szLineBuffer, nLength) ? Verdict::Copy : op.Classify(line, tmp);
+            bLastPiece || reader.LastHoldsNul() ? Verdict::Copy : op.Classify(line, tmp);
         switch (verdict) {
         case Verdict::Copy:
-            if (!tmp.Write(szLineBuffer, nLength))
+            if (!CopyRead(reader, tmp, szLine, nLength))
                 return CFGFILE_FAILURE;
             break;
         case Verdict::LeaveOut:
@@ -933,7 +1044,10 @@ RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, 
     CopyFilePermissions(szFileName, tmp.Stream());
     CopyFileOwnership(szFileName, tmp.Stream());
 
-    int iRetCode = CopyLines<N>(rules, names, readFile.Get(), tmp, op);
+    // The reader outlives the copy: text of its block may wait in tmp until the commit.
+    LineReader reader(readFile.Get());
+    reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
+    int iRetCode = CopyLines<N>(rules, names, reader, tmp, op);
     if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
         iRetCode = CFGFILE_FAILURE;
     const bool bSwap =
@@ -1460,11 +1574,12 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
         const size_t nPrefixLength = strlen(szSectionPrefix);
         LineReader reader(file.Get());
         size_t nLineLength;
-        while ((nLineLength = reader.ReadLine(szLineBuffer, sizeof(szLineBuffer))) > 0) {
-            if (nLineLength <= kShortLineLength || szLineBuffer[nLineLength - 1] != '\n' ||
-                HoldsNul(szLineBuffer, nLineLength))
+        char *szLine;
+        while (reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength)) {
+            if (nLineLength <= kShortLineLength || szLine[nLineLength - 1] != '\n' ||
+                reader.LastHoldsNul())
                 continue;
-            char *pcLine = SkipBlanks(szLineBuffer);
+            char *pcLine = SkipBlanks(szLine);
             if (*pcLine != '[')
                 continue;
             char *pcMatch = strchr(pcLine + 1, ']');
@@ -1518,7 +1633,7 @@ CFGFILE_API int CfgFile_FindLineStartingWith(const char *szFileName, const char 
         bInsideLine = szBuffer[nLineLength - 1] != '\n';
         // Only whole lines count: never a piece of a longer one, a last line
         // without its line feed, or text holding NUL bytes.
-        if (!bWholeLine || nLineLength < nPrefixLength || HoldsNul(szBuffer, nLineLength))
+        if (!bWholeLine || nLineLength < nPrefixLength || reader.LastHoldsNul())
             continue;
         szBuffer[--nLineLength] = '\0';
         if (strncmp(SkipBlanks(szBuffer), szPrefix, nPrefixLength) == 0) {
