@@ -122,7 +122,6 @@ constexpr size_t kValueBufferSize = 256;
 constexpr size_t kLongLineBufferSize = 1200;
 constexpr size_t kShortLineBufferSize = 512;
 constexpr int kShortLineLength = 3; // reads of 3 bytes or fewer are "short lines"
-constexpr int kFileNotOpened = -2;  // internal: the rewrite could not open the file
 
 // Owns a file descriptor.
 class FileDescriptor {
