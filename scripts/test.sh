@@ -25,3 +25,6 @@ cmake -S . -B build-aarch64 -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake >/dev/null
 cmake --build build-aarch64 -j "$jobs"
 ctest --test-dir build-aarch64 -j "$jobs" --output-on-failure
+
+stage "fuzz targets, a short bounded run each (clang, libFuzzer, ASan+UBSan)"
+CFGFILE_FUZZ_BUILD_DIR=$PWD/build-fuzz fuzz/run.sh "${CFGFILE_FUZZ_SECONDS:-15}"
