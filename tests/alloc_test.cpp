@@ -119,6 +119,11 @@ struct HeapCase {
     bool bNoFile = false;
 };
 
+// Names the case in test output (and keeps its padding bytes out of it).
+void PrintTo(const HeapCase &c, std::ostream *pOut) {
+    *pOut << c.name;
+}
+
 class OperationHeapUse : public ::testing::TestWithParam<HeapCase> {};
 
 TEST_P(OperationHeapUse, StaysWithinBound) {

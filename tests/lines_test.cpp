@@ -19,6 +19,11 @@ struct FindCase {
     bool bMissing = false;
 };
 
+// Names the case in test output (and keeps its padding bytes out of it).
+void PrintTo(const FindCase &c, std::ostream *pOut) {
+    *pOut << "prefix \"" << c.prefix << "\" in " << c.nBuffSize << " bytes";
+}
+
 class FindLineStartingWith : public ::testing::TestWithParam<FindCase> {};
 
 TEST_P(FindLineStartingWith, FindsFirstWholeLine) {
@@ -84,6 +89,11 @@ struct LineCase {
     const char *prefix;
     std::string commented, deleted;
 };
+
+// Names the case in test output (and keeps its padding bytes out of it).
+void PrintTo(const LineCase &c, std::ostream *pOut) {
+    *pOut << "prefix \"" << c.prefix << "\"";
+}
 
 class PrefixedLineChange : public ::testing::TestWithParam<LineCase> {};
 

@@ -22,6 +22,11 @@ struct EnumerateCase {
     std::string file, list; // list: every matching name with its NUL, in file order
 };
 
+// Names the case in test output (and keeps its padding bytes out of it).
+void PrintTo(const EnumerateCase &c, std::ostream *pOut) {
+    *pOut << "prefix \"" << c.prefix << "\"";
+}
+
 class EnumerateSections : public ::testing::TestWithParam<EnumerateCase> {};
 
 // Measures without a buffer, then lists into no bytes, the exact size and one
@@ -74,6 +79,11 @@ struct DeletionCase {
     std::string after;
     const char *key = nullptr;
 };
+
+// Names the case in test output (and keeps its padding bytes out of it).
+void PrintTo(const DeletionCase &c, std::ostream *pOut) {
+    *pOut << c.op << " " << (c.section ? c.section : "");
+}
 
 class Deletion : public ::testing::TestWithParam<DeletionCase> {};
 

@@ -21,6 +21,11 @@ struct LookupCase {
     const char *value; // expected on success
 };
 
+// Names the case in test output (and keeps its padding bytes out of it).
+void PrintTo(const LookupCase &c, std::ostream *pOut) {
+    *pOut << c.name;
+}
+
 class Lookup : public ::testing::TestWithParam<LookupCase> {};
 
 TEST_P(Lookup, FindsValueOrSaysWhy) {

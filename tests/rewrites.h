@@ -21,6 +21,9 @@ struct Rewrite {
     int iUnopened; // the result for a file that cannot be opened for reading
 };
 
+// Names the case in test output.
+inline void PrintTo(const Rewrite &rewrite, std::ostream *pOut) { *pOut << rewrite.name; }
+
 inline constexpr char kInput[] = "[net]\nport=80\nhost=a\n# keep\n[video]\nmode=1080\n";
 
 inline const Rewrite kRewrites[] = {

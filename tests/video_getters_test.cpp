@@ -19,6 +19,11 @@ struct VideoCase {
     UINT nWidth, nHeight;
 };
 
+// Names the case in test output (and keeps its padding bytes out of it).
+void PrintTo(const VideoCase &c, std::ostream *pOut) {
+    *pOut << c.name;
+}
+
 class VideoGetters : public ::testing::TestWithParam<VideoCase> {};
 
 // Every getter reads key "m" of section "v"; only the lookup traces. A refused
