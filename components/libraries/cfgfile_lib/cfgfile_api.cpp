@@ -310,17 +310,24 @@ class OutputFile {
             fclose(m_fp);
     }
 
-    // Creates szPath afresh with mode nMode: a leftover file or a symbolic
-    // link planted at the name is removed first, and O_EXCL|O_NOFOLLOW make
-    // sure the file opened is the one just created. Close-on-exec.
+    // Creates szPath afresh with mode nMode. O_EXCL|O_NOFOLLOW make sure the
+    // file opened is the one just created; a leftover file or a symbolic
+    // link planted at the name is removed and the creation tried once more.
+    // Close-on-exec.
     bool Create(const char *szPath, mode_t nMode, bool bReplaceLeftover) {
-        if (bReplaceLeftover)
+        auto create = [&] {
+            return Sys(
+                [&] {
+                    return open(szPath, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                nMode);
+                },
+                -1);
+        };
+        int fd = create();
+        if (fd < 0 && errno == EEXIST && bReplaceLeftover) {
             Sys([&] { return unlink(szPath); }, -1);
-        const int fd = Sys(
-            [&] {
-                return open(szPath, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, nMode);
-            },
-            -1);
+            fd = create();
+        }
         if (fd < 0)
             return false;
         m_fp = fdopen(fd, "w");

@@ -1,0 +1,580 @@
+// cfgfile_bench.cpp - the cost of one call of the settings library, beside
+// the least the same work costs in system calls (the floor) and beside three
+// general-purpose INI libraries doing the same job.
+//
+// Benchmarks are named "<operation>/<implementation>/<lines>":
+//   get_first, get_last, get_missing  integer lookup of a key near the start,
+//                                     near the end, and in a missing section
+//   set_replace, set_add, set_new_section, delete_key
+//   enumerate, find_line
+//   rewrite/floor                     the floor of every operation that writes
+// Implementations: ours, floor, inih (lookups only), iniparser, glib.
+//
+// Files lie in $BENCH_DIR (default /dev/shm/cfgfile-bench), so one binary
+// measures a tmpfs and a disk file system alike. Times are wall-clock: a
+// rewrite on disk waits for the device.
+
+#include <benchmark/benchmark.h>
+#include <glib.h>
+#include <ini.h>
+#include <iniparser.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "bench_files.h"
+#include "cfgfile_api.h"
+
+namespace {
+
+using cfgbench::BenchFile;
+
+constexpr int kSizes[] = {10, 100, 1000, 10000};
+constexpr size_t kBlockSize = 4096; // the library reads files in blocks of this size
+constexpr size_t kWholeFile = SIZE_MAX;
+constexpr int kNotFound = -1; // every generated value is >= 0
+
+std::string g_benchDir;
+
+// One integer lookup, named the way each implementation names it.
+struct Lookup {
+    std::string section;
+    std::string key;
+    std::string entry; // "section:key" for iniparser
+    size_t nOffset;    // just past the key's line; kWholeFile when it is missing
+    int nExpected;     // kNotFound when missing
+};
+
+// A file that one benchmark rewrites, and the names a safe rewrite uses beside it.
+struct WriteTarget {
+    std::string path;
+    std::string tmpPath;
+    std::string backupPath;
+    const BenchFile *pFile;
+};
+
+WriteTarget MakeWriteTarget(const std::string &stem, const BenchFile &file) {
+    const std::string base = g_benchDir + "/" + stem;
+    return {base + ".ini", base + ".tmp", base + ".bak", &file};
+}
+
+bool SyncDirectory(const char *szDirectory) {
+    const int fd = open(szDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool bSynced = fsync(fd) == 0;
+    return close(fd) == 0 && bSynced;
+}
+
+// ------------------------------------------------------------------ floor
+
+// Reads szPath up to byte nOffset (or to its end) in blocks of the library's
+// size: the system calls any lookup needs, and nothing else.
+bool FloorRead(const char *szPath, size_t nOffset) {
+    char block[kBlockSize];
+    const int fd = open(szPath, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    size_t nDone = 0;
+    ssize_t nRead = 1;
+    while (nDone < nOffset && nRead > 0) {
+        nRead = read(fd, block, std::min(kBlockSize, nOffset - nDone));
+        nDone += nRead > 0 ? static_cast<size_t>(nRead) : 0;
+    }
+    benchmark::DoNotOptimize(block);
+    close(fd);
+    return nRead >= 0;
+}
+
+// Replaces the file with its own content, the safe way and nothing more:
+// read it whole, write and sync a temporary file, swap it in through a
+// backup name, sync the directory, delete the backup.
+bool FloorRewrite(const WriteTarget &target, std::vector<char> &buffer) {
+    const int fdIn = open(target.path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fdIn < 0)
+        return false;
+    size_t nSize = 0;
+    ssize_t nRead;
+    while ((nRead = read(fdIn, buffer.data() + nSize, buffer.size() - nSize)) > 0)
+        nSize += static_cast<size_t>(nRead);
+    close(fdIn);
+    const int fdOut = open(target.tmpPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fdOut < 0)
+        return false;
+    bool bOk = write(fdOut, buffer.data(), nSize) == static_cast<ssize_t>(nSize);
+    bOk = fsync(fdOut) == 0 && bOk;
+    bOk = close(fdOut) == 0 && bOk;
+    bOk = bOk && rename(target.path.c_str(), target.backupPath.c_str()) == 0 &&
+          rename(target.tmpPath.c_str(), target.path.c_str()) == 0 &&
+          SyncDirectory(g_benchDir.c_str());
+    return unlink(target.backupPath.c_str()) == 0 && bOk;
+}
+
+// ------------------------------------------------------------------- inih
+
+// inih goes on after a handler reports an error, so a lookup stops the parse
+// by having the line reader report the end of the file once the key is found.
+struct InihSearch {
+    FILE *fp;
+    const Lookup *pLookup;
+    int nValue;
+    bool bFound;
+};
+
+char *InihReadLine(char *szLine, int nSize, void *pvSearch) {
+    auto *pSearch = static_cast<InihSearch *>(pvSearch);
+    return pSearch->bFound ? nullptr : fgets(szLine, nSize, pSearch->fp);
+}
+
+int InihOnKey(void *pvSearch, const char *szSection, const char *szName, const char *szValue) {
+    auto *pSearch = static_cast<InihSearch *>(pvSearch);
+    if (strcasecmp(szSection, pSearch->pLookup->section.c_str()) == 0 &&
+        strcasecmp(szName, pSearch->pLookup->key.c_str()) == 0) {
+        pSearch->nValue = atoi(szValue);
+        pSearch->bFound = true;
+    }
+    return 1;
+}
+
+int InihGet(const char *szPath, const Lookup &lookup) {
+    InihSearch search{fopen(szPath, "r"), &lookup, kNotFound, false};
+    if (search.fp == nullptr)
+        return kNotFound - 1;
+    ini_parse_stream(InihReadLine, &search, InihOnKey, &search);
+    fclose(search.fp);
+    return search.nValue;
+}
+
+struct InihSections {
+    char szLast[128];
+    int nCount;
+};
+
+int InihOnSectionKey(void *pvSections, const char *szSection, const char *, const char *) {
+    auto *pSections = static_cast<InihSections *>(pvSections);
+    if (pSections->nCount == 0 || strcmp(pSections->szLast, szSection) != 0) {
+        snprintf(pSections->szLast, sizeof(pSections->szLast), "%s", szSection);
+        ++pSections->nCount;
+    }
+    return 1;
+}
+
+int InihEnumerate(const char *szPath) {
+    InihSections sections{};
+    return ini_parse(szPath, InihOnSectionKey, &sections) == 0 ? sections.nCount : kNotFound;
+}
+
+// -------------------------------------------------------------- iniparser
+
+int IniparserGet(const char *szPath, const Lookup &lookup) {
+    dictionary *pDict = iniparser_load(szPath);
+    if (pDict == nullptr)
+        return kNotFound - 1;
+    const int nValue = iniparser_getint(pDict, lookup.entry.c_str(), kNotFound);
+    iniparser_freedict(pDict);
+    return nValue;
+}
+
+int IniparserEnumerate(const char *szPath) {
+    dictionary *pDict = iniparser_load(szPath);
+    if (pDict == nullptr)
+        return kNotFound;
+    const int nSections = iniparser_getnsec(pDict);
+    for (int iSection = 0; iSection < nSections; ++iSection)
+        benchmark::DoNotOptimize(iniparser_getsecname(pDict, iSection));
+    iniparser_freedict(pDict);
+    return nSections;
+}
+
+// Loads the file, lets fnChange change the dictionary and writes it back as
+// durably as the library does: temporary file synced, renamed over the
+// file, directory synced. iniparser itself has no way to save.
+bool IniparserRewrite(const WriteTarget &target,
+                      const std::function<bool(dictionary *)> &fnChange) {
+    dictionary *pDict = iniparser_load(target.path.c_str());
+    if (pDict == nullptr)
+        return false;
+    bool bOk = fnChange(pDict);
+    FILE *fp = fopen(target.tmpPath.c_str(), "w");
+    if (fp != nullptr) {
+        iniparser_dump_ini(pDict, fp);
+        bOk = fflush(fp) == 0 && fsync(fileno(fp)) == 0 && bOk;
+        bOk = fclose(fp) == 0 && bOk;
+    }
+    iniparser_freedict(pDict);
+    return fp != nullptr && bOk && rename(target.tmpPath.c_str(), target.path.c_str()) == 0 &&
+           SyncDirectory(g_benchDir.c_str());
+}
+
+// ------------------------------------------------------------------- GLib
+
+int GlibGet(const char *szPath, const Lookup &lookup) {
+    GKeyFile *pKeyFile = g_key_file_new();
+    int nValue = kNotFound - 1;
+    if (g_key_file_load_from_file(pKeyFile, szPath, G_KEY_FILE_NONE, nullptr)) {
+        GError *pError = nullptr;
+        nValue =
+            g_key_file_get_integer(pKeyFile, lookup.section.c_str(), lookup.key.c_str(), &pError);
+        if (pError != nullptr) {
+            g_error_free(pError);
+            nValue = kNotFound;
+        }
+    }
+    g_key_file_free(pKeyFile);
+    return nValue;
+}
+
+int GlibEnumerate(const char *szPath) {
+    GKeyFile *pKeyFile = g_key_file_new();
+    gsize nGroups = 0;
+    if (g_key_file_load_from_file(pKeyFile, szPath, G_KEY_FILE_NONE, nullptr))
+        g_strfreev(g_key_file_get_groups(pKeyFile, &nGroups));
+    g_key_file_free(pKeyFile);
+    return static_cast<int>(nGroups);
+}
+
+// Loads the file with its comments, lets fnChange change it and saves it the
+// way GLib saves (g_file_set_contents), as an application using it would.
+bool GlibRewrite(const WriteTarget &target, const std::function<bool(GKeyFile *)> &fnChange) {
+    GKeyFile *pKeyFile = g_key_file_new();
+    bool bOk = g_key_file_load_from_file(pKeyFile, target.path.c_str(), G_KEY_FILE_KEEP_COMMENTS,
+                                         nullptr) &&
+               fnChange(pKeyFile) &&
+               g_key_file_save_to_file(pKeyFile, target.path.c_str(), nullptr);
+    g_key_file_free(pKeyFile);
+    return bOk;
+}
+
+// ------------------------------------------------------------------- ours
+
+int OursGet(const char *szPath, const Lookup &lookup) {
+    int nValue = kNotFound - 1;
+    CfgFile_GetIntValue(szPath, lookup.section.c_str(), lookup.key.c_str(), &nValue, kNotFound);
+    return nValue;
+}
+
+int OursEnumerate(const char *szPath) {
+    static char szNames[64 * 1024];
+    size_t nSize = sizeof(szNames);
+    unsigned int nCount = 0;
+    if (CfgFile_EnumerateSections(szPath, "", szNames, &nSize, &nCount) != CFGFILE_SUCCESS)
+        return kNotFound;
+    return static_cast<int>(nCount);
+}
+
+// ------------------------------------------------------------ the loops
+
+using GetFunction = int (*)(const char *, const Lookup &);
+using CountFunction = int (*)(const char *);
+// Changes the target; the iteration's number lets a change alternate values.
+using WriteFunction = std::function<bool(const WriteTarget &, int64_t)>;
+
+void RunLookup(benchmark::State &state, GetFunction pfnGet, const char *szPath,
+               const Lookup &lookup) {
+    for (auto _ : state) {
+        if (pfnGet(szPath, lookup) != lookup.nExpected) {
+            state.SkipWithError("wrong value");
+            break;
+        }
+    }
+}
+
+void RunCount(benchmark::State &state, CountFunction pfnCount, const char *szPath, int nExpected) {
+    for (auto _ : state) {
+        if (pfnCount(szPath) != nExpected) {
+            state.SkipWithError("wrong count");
+            break;
+        }
+    }
+}
+
+// bRestore: the original file is put back after every call, outside the
+// timing, so that every call does the same work.
+void RunWrite(benchmark::State &state, const WriteTarget &target, const WriteFunction &fnWrite,
+              bool bRestore) {
+    if (!cfgbench::WriteWholeFile(target.path.c_str(), target.pFile->text)) {
+        state.SkipWithError("cannot write the file");
+        return;
+    }
+    int64_t nIteration = 0;
+    for (auto _ : state) {
+        if (!fnWrite(target, nIteration++)) {
+            state.SkipWithError("write failed");
+            break;
+        }
+        if (bRestore) {
+            state.PauseTiming();
+            cfgbench::WriteWholeFile(target.path.c_str(), target.pFile->text);
+            state.ResumeTiming();
+        }
+    }
+}
+
+// ------------------------------------------------------------ registration
+
+// Everything a file of one size is benchmarked with.
+struct SizeCase {
+    BenchFile file;
+    std::string readPath; // shared by every benchmark that only reads
+    Lookup first;
+    Lookup last;
+    Lookup missing;
+};
+
+Lookup MakeLookup(const std::string &section, const char *szKey, size_t nOffset, int nExpected) {
+    std::string entry = section + ":" + szKey;
+    return {section, szKey, entry, nOffset, nExpected};
+}
+
+// Wall-clock time; with repetitions, the fastest run is reported too: other
+// work on the machine can only make a run slower.
+void Register(const std::string &name, std::function<void(benchmark::State &)> fnRun) {
+    benchmark::RegisterBenchmark(name.c_str(), [fnRun](benchmark::State &state) { fnRun(state); })
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond)
+        ->ComputeStatistics("min", [](const std::vector<double> &times) {
+            return *std::min_element(times.begin(), times.end());
+        });
+}
+
+void RegisterLookups(const SizeCase &sizeCase, const std::string &suffix) {
+    const struct {
+        const char *szImpl;
+        GetFunction pfnGet;
+    } kImpls[] = {{"ours", OursGet},
+                  {"floor",
+                   [](const char *szPath, const Lookup &lookup) {
+                       return FloorRead(szPath, lookup.nOffset) ? lookup.nExpected : kNotFound - 1;
+                   }},
+                  {"inih", InihGet},
+                  {"iniparser", IniparserGet},
+                  {"glib", GlibGet}};
+    const struct {
+        const char *szOp;
+        const Lookup *pLookup;
+    } kOps[] = {{"get_first", &sizeCase.first},
+                {"get_last", &sizeCase.last},
+                {"get_missing", &sizeCase.missing}};
+    for (const auto &op : kOps)
+        for (const auto &impl : kImpls)
+            Register(
+                std::string(op.szOp) + "/" + impl.szImpl + suffix,
+                [&sizeCase, &lookup = *op.pLookup, pfnGet = impl.pfnGet](benchmark::State &state) {
+                    RunLookup(state, pfnGet, sizeCase.readPath.c_str(), lookup);
+                });
+}
+
+void RegisterScans(const SizeCase &sizeCase, const std::string &suffix) {
+    const int nSections =
+        static_cast<int>(std::count(sizeCase.file.text.begin(), sizeCase.file.text.end(), '['));
+    const struct {
+        const char *szImpl;
+        CountFunction pfnCount;
+    } kImpls[] = {{"ours", OursEnumerate},
+                  {"inih", InihEnumerate},
+                  {"iniparser", IniparserEnumerate},
+                  {"glib", GlibEnumerate}};
+    for (const auto &impl : kImpls)
+        Register("enumerate/" + std::string(impl.szImpl) + suffix,
+                 [&sizeCase, pfnCount = impl.pfnCount, nSections](benchmark::State &state) {
+                     RunCount(state, pfnCount, sizeCase.readPath.c_str(), nSections);
+                 });
+    Register("enumerate/floor" + suffix, [&sizeCase](benchmark::State &state) {
+        for (auto _ : state)
+            FloorRead(sizeCase.readPath.c_str(), kWholeFile);
+    });
+
+    Register("find_line/ours" + suffix, [&sizeCase](benchmark::State &state) {
+        char szLine[1200];
+        for (auto _ : state) {
+            size_t nSize = sizeof(szLine);
+            if (CfgFile_FindLineStartingWith(sizeCase.readPath.c_str(),
+                                             sizeCase.file.findPrefix.c_str(), szLine,
+                                             &nSize) != CFGFILE_SUCCESS) {
+                state.SkipWithError("line not found");
+                break;
+            }
+        }
+    });
+    Register("find_line/floor" + suffix, [&sizeCase](benchmark::State &state) {
+        for (auto _ : state)
+            FloorRead(sizeCase.readPath.c_str(), sizeCase.file.nFindLineEnd);
+    });
+}
+
+// The same change made by each implementation that writes.
+struct WriteOperation {
+    const char *szOp;
+    bool bOursRestores; // set_replace alternates two values instead
+    std::function<bool(const char *szPath, const BenchFile &, int64_t)> fnOurs;
+    std::function<bool(dictionary *, const BenchFile &)> fnIniparser;
+    std::function<bool(GKeyFile *, const BenchFile &)> fnGlib;
+};
+
+std::vector<WriteOperation> MakeWriteOperations() {
+    using cfgbench::kAddedKey;
+    using cfgbench::kDeletedKey;
+    using cfgbench::kNewSection;
+    using cfgbench::kReplacedKey;
+    return {
+        {"set_replace", false,
+         [](const char *szPath, const BenchFile &file, int64_t nIteration) {
+             const int nValue = nIteration % 2 ? 4000000 : 6000000;
+             return CfgFile_SetIntValue(szPath, file.middleSection.c_str(), kReplacedKey, nValue) ==
+                    CFGFILE_SUCCESS;
+         },
+         [](dictionary *pDict, const BenchFile &file) {
+             return iniparser_set(pDict, (file.middleSection + ":" + kReplacedKey).c_str(),
+                                  "4000000") == 0;
+         },
+         [](GKeyFile *pKeyFile, const BenchFile &file) {
+             g_key_file_set_integer(pKeyFile, file.middleSection.c_str(), kReplacedKey, 4000000);
+             return true;
+         }},
+        {"set_add", true,
+         [](const char *szPath, const BenchFile &file, int64_t) {
+             return CfgFile_SetIntValue(szPath, file.middleSection.c_str(), kAddedKey, 12) ==
+                    CFGFILE_SUCCESS;
+         },
+         [](dictionary *pDict, const BenchFile &file) {
+             return iniparser_set(pDict, (file.middleSection + ":" + kAddedKey).c_str(), "12") == 0;
+         },
+         [](GKeyFile *pKeyFile, const BenchFile &file) {
+             g_key_file_set_integer(pKeyFile, file.middleSection.c_str(), kAddedKey, 12);
+             return true;
+         }},
+        {"set_new_section", true,
+         [](const char *szPath, const BenchFile &, int64_t) {
+             return CfgFile_SetIntValue(szPath, kNewSection, kAddedKey, 12) == CFGFILE_SUCCESS;
+         },
+         [](dictionary *pDict, const BenchFile &) {
+             return iniparser_set(pDict, kNewSection, nullptr) == 0 &&
+                    iniparser_set(pDict, (std::string(kNewSection) + ":" + kAddedKey).c_str(),
+                                  "12") == 0;
+         },
+         [](GKeyFile *pKeyFile, const BenchFile &) {
+             g_key_file_set_integer(pKeyFile, kNewSection, kAddedKey, 12);
+             return true;
+         }},
+        {"delete_key", true,
+         [](const char *szPath, const BenchFile &file, int64_t) {
+             return CfgFile_DeleteKey(szPath, file.middleSection.c_str(), kDeletedKey) ==
+                    CFGFILE_SUCCESS;
+         },
+         [](dictionary *pDict, const BenchFile &file) {
+             const std::string entry = file.middleSection + ":" + kDeletedKey;
+             iniparser_unset(pDict, entry.c_str());
+             return iniparser_find_entry(pDict, entry.c_str()) == 0;
+         },
+         [](GKeyFile *pKeyFile, const BenchFile &file) {
+             return g_key_file_remove_key(pKeyFile, file.middleSection.c_str(), kDeletedKey,
+                                          nullptr) != FALSE;
+         }},
+    };
+}
+
+void RegisterWrites(const SizeCase &sizeCase, const std::string &suffix) {
+    static const std::vector<WriteOperation> kOperations = MakeWriteOperations();
+    const std::string size = suffix.substr(1);
+    for (const WriteOperation &op : kOperations) {
+        const std::string stem = std::string(op.szOp) + "-" + size;
+        Register(std::string(op.szOp) + "/ours" + suffix,
+                 [&op, target = MakeWriteTarget(stem + "-ours", sizeCase.file)](
+                     benchmark::State &state) {
+                     RunWrite(
+                         state, target,
+                         [&](const WriteTarget &t, int64_t nIteration) {
+                             return op.fnOurs(t.path.c_str(), *t.pFile, nIteration);
+                         },
+                         op.bOursRestores);
+                 });
+        Register(std::string(op.szOp) + "/iniparser" + suffix,
+                 [&op, target = MakeWriteTarget(stem + "-iniparser", sizeCase.file)](
+                     benchmark::State &state) {
+                     RunWrite(
+                         state, target,
+                         [&](const WriteTarget &t, int64_t) {
+                             return IniparserRewrite(t, [&](dictionary *pDict) {
+                                 return op.fnIniparser(pDict, *t.pFile);
+                             });
+                         },
+                         true);
+                 });
+        Register(std::string(op.szOp) + "/glib" + suffix,
+                 [&op, target = MakeWriteTarget(stem + "-glib", sizeCase.file)](
+                     benchmark::State &state) {
+                     RunWrite(
+                         state, target,
+                         [&](const WriteTarget &t, int64_t) {
+                             return GlibRewrite(t, [&](GKeyFile *pKeyFile) {
+                                 return op.fnGlib(pKeyFile, *t.pFile);
+                             });
+                         },
+                         true);
+                 });
+    }
+    Register("rewrite/floor" + suffix,
+             [target = MakeWriteTarget("rewrite-" + size + "-floor", sizeCase.file)](
+                 benchmark::State &state) {
+                 std::vector<char> buffer(target.pFile->text.size() + kBlockSize);
+                 RunWrite(
+                     state, target,
+                     [&](const WriteTarget &t, int64_t) { return FloorRewrite(t, buffer); }, false);
+             });
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const char *szDir = getenv("BENCH_DIR");
+    g_benchDir = szDir != nullptr && *szDir != '\0' ? szDir : "/dev/shm/cfgfile-bench";
+    if (mkdir(g_benchDir.c_str(), 0755) != 0 && errno != EEXIST) {
+        perror(g_benchDir.c_str());
+        return 1;
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+
+    static std::vector<SizeCase> cases;
+    cases.reserve(std::size(kSizes));
+    for (int nLines : kSizes) {
+        SizeCase &sizeCase = cases.emplace_back();
+        sizeCase.file = cfgbench::MakeBenchFile(nLines);
+        sizeCase.readPath = g_benchDir + "/read-" + std::to_string(nLines) + ".ini";
+        sizeCase.first = MakeLookup(sizeCase.file.firstSection, cfgbench::kFirstKey,
+                                    sizeCase.file.nFirstKeyEnd, sizeCase.file.nFirstValue);
+        sizeCase.last = MakeLookup(sizeCase.file.lastSection, cfgbench::kLastKey,
+                                   sizeCase.file.nLastKeyEnd, sizeCase.file.nLastValue);
+        sizeCase.missing =
+            MakeLookup(cfgbench::kMissingSection, cfgbench::kFirstKey, kWholeFile, kNotFound);
+        if (!cfgbench::WriteWholeFile(sizeCase.readPath.c_str(), sizeCase.file.text)) {
+            perror(sizeCase.readPath.c_str());
+            return 1;
+        }
+        benchmark::AddCustomContext("file_bytes_" + std::to_string(nLines),
+                                    std::to_string(sizeCase.file.text.size()));
+    }
+    for (const SizeCase &sizeCase : cases) {
+        const std::string suffix = "/" + std::to_string(sizeCase.file.nLines);
+        RegisterLookups(sizeCase, suffix);
+        RegisterScans(sizeCase, suffix);
+        RegisterWrites(sizeCase, suffix);
+    }
+    benchmark::AddCustomContext("bench_dir", g_benchDir);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,469 @@
+#!/usr/bin/env python3
+"""Writes bench/RESULTS.md from the output of bench/run.sh (standard library only).
+
+Inputs: the benchmark JSON of the tmpfs and the disk run, the allocation
+counts of alloc_count, and a directory of .su/.ci files (-fstack-usage,
+-fcallgraph-info=su) of the library's sources.
+"""
+import argparse
+import datetime
+import glob
+import json
+import os
+import platform
+import re
+import subprocess
+
+SIZES = [10, 100, 1000, 10000]
+PEERS = ["inih", "iniparser", "glib"]
+WRITE_PEERS = ["iniparser", "glib"]
+GETS = ["get_first", "get_last", "get_missing"]
+SETS = ["set_replace", "set_add", "set_new_section"]
+OPERATIONS = GETS + SETS + ["delete_key", "enumerate", "find_line"]
+GET_LIMIT = 1.5      # ours / read floor
+SET_LIMIT = 1.3      # ours / rewrite floor
+LINEAR_LIMIT = 1.25  # growth of the cost per line from 10..1000 to 1000..10000 lines
+UNIT_US = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
+# Exported function that each benchmarked operation calls.
+ENTRY_POINTS = {"get_first": "CfgFile_GetIntValue", "get_last": "CfgFile_GetIntValue",
+                "get_missing": "CfgFile_GetIntValue", "set_replace": "CfgFile_SetIntValue",
+                "set_add": "CfgFile_SetIntValue", "set_new_section": "CfgFile_SetIntValue",
+                "delete_key": "CfgFile_DeleteKey", "enumerate": "CfgFile_EnumerateSections",
+                "find_line": "CfgFile_FindLineStartingWith"}
+
+
+def run(command):
+    try:
+        return subprocess.run(command, capture_output=True, text=True, check=True).stdout.strip()
+    except (OSError, subprocess.CalledProcessError):
+        return ""
+
+
+# ------------------------------------------------------------------ inputs
+
+def load_times(path):
+    """(operation, implementation, lines) -> fastest repetition, in microseconds."""
+    with open(path) as stream:
+        data = json.load(stream)
+    times = {}
+    for entry in data["benchmarks"]:
+        if entry.get("aggregate_name", "min") != "min" or "error_occurred" in entry:
+            continue
+        op, impl, lines = entry["run_name"].split("/")[:3]
+        times[(op, impl, int(lines))] = entry["real_time"] * UNIT_US[entry["time_unit"]]
+    return times, data["context"]
+
+
+def floor_of(times, op, lines):
+    floor_op = "rewrite" if op in SETS or op == "delete_key" else op
+    return times.get((floor_op, "floor", lines))
+
+
+def file_system(directory):
+    """Type and mount point of the file system holding directory."""
+    target = os.path.realpath(directory)
+    best = ("?", "")
+    with open("/proc/mounts") as mounts:
+        for line in mounts:
+            fields = line.split()
+            point = fields[1]
+            inside = target == point or target.startswith(point.rstrip("/") + "/")
+            if inside and len(point) >= len(best[1]):
+                best = (fields[2], point)
+    return "%s (mounted on %s)" % best
+
+
+def cpu_model():
+    with open("/proc/cpuinfo") as info:
+        for line in info:
+            key, _, value = line.partition(":")
+            if key.strip() in ("model name", "Model", "Hardware"):
+                return value.strip()
+    return platform.processor() or "unknown"
+
+
+# ------------------------------------------------------------------ tables
+
+def ratio(value, base):
+    return value / base if value is not None and base else None
+
+
+def fmt_ratio(value):
+    return "—" if value is None else "%.2f" % value
+
+
+def fmt_us(value):
+    if value is None:
+        return "—"
+    return "%.0f" % value if value >= 100 else "%.1f" % value if value >= 10 else "%.2f" % value
+
+
+def verdict(times, op, lines):
+    """MET/MISSED of the target of op at one size; None when op has no target."""
+    if op in GETS:
+        limit, peers = GET_LIMIT, PEERS
+    elif op in SETS:
+        limit, peers = SET_LIMIT, WRITE_PEERS
+    else:
+        return None
+    ours = times.get((op, "ours", lines))
+    to_floor = ratio(ours, floor_of(times, op, lines))
+    if to_floor is None:
+        return None
+    slower = [p for p in peers if (ratio(ours, times.get((op, p, lines))) or 0) >= 1]
+    misses = []
+    if to_floor > limit:
+        misses.append("%.2fx floor > %.1fx" % (to_floor, limit))
+    if slower:
+        misses.append("not faster than " + ", ".join(slower))
+    return "MET" if not misses else "MISSED: " + "; ".join(misses)
+
+
+def ratio_table(times):
+    rows = ["| Operation | Lines | ours/floor | ours/inih | ours/iniparser | ours/glib "
+            "| ours µs | floor µs | Target |",
+            "|---|---:|---:|---:|---:|---:|---:|---:|---|"]
+    for op in OPERATIONS:
+        for lines in SIZES:
+            ours = times.get((op, "ours", lines))
+            if ours is None:
+                continue
+            floor = floor_of(times, op, lines)
+            peers = [fmt_ratio(ratio(ours, times.get((op, p, lines)))) for p in PEERS]
+            rows.append("| %s | %d | %s | %s | %s | %s | %s |" % (
+                op, lines, fmt_ratio(ratio(ours, floor)), " | ".join(peers), fmt_us(ours),
+                fmt_us(floor), verdict(times, op, lines) or "—"))
+    return "\n".join(rows)
+
+
+def peer_table(times):
+    rows = ["| Operation | Lines | inih µs | iniparser µs | glib µs |", "|---|---:|---:|---:|---:|"]
+    for op in OPERATIONS:
+        for lines in SIZES:
+            values = [times.get((op, p, lines)) for p in PEERS]
+            if any(v is not None for v in values):
+                rows.append("| %s | %d | %s |" % (op, lines, " | ".join(map(fmt_us, values))))
+    return "\n".join(rows)
+
+
+def linearity(times, op):
+    """(cost per 1000 lines from 10 to 1000, from 1000 to 10000, growth, verdict)."""
+    t = [times.get((op, "ours", n)) for n in (10, 1000, 10000)]
+    if None in t:
+        return None
+    low = (t[1] - t[0]) / 0.99
+    high = (t[2] - t[1]) / 9.0
+    if op == "get_first":  # reads one block whatever the size
+        growth = t[2] / t[0]
+        return (low, high, growth, "MET (constant)" if growth <= LINEAR_LIMIT else "MISSED")
+    growth = high / low if low > 0 else float("inf")
+    return (low, high, growth, "MET" if growth <= LINEAR_LIMIT else "MISSED")
+
+
+def linearity_table(times):
+    rows = ["| Operation | µs per 1000 lines, 10→1000 | µs per 1000 lines, 1000→10000 "
+            "| growth | Target |", "|---|---:|---:|---:|---|"]
+    for op in OPERATIONS:
+        result = linearity(times, op)
+        if result:
+            low, high, growth, text = result
+            rows.append("| %s | %.1f | %.1f | %.2f | %s |" % (op, low, high, growth, text))
+    return "\n".join(rows)
+
+
+def summary(runs):
+    rows = ["| Target | File system | Result | Cases missed |", "|---|---|---|---|"]
+    for place, times in runs:
+        for name, ops in (("get ≤ %.1fx read floor, faster than inih, iniparser, glib" % GET_LIMIT,
+                           GETS),
+                          ("set ≤ %.1fx rewrite floor, faster than iniparser, glib" % SET_LIMIT,
+                           SETS)):
+            missed = []
+            for op in ops:
+                for lines in SIZES:
+                    text = verdict(times, op, lines)
+                    if text and text != "MET":
+                        missed.append("%s/%d (%s)" % (op, lines, text[len("MISSED: "):]))
+            rows.append("| %s | %s | %s | %s |" % (name, place, "MISSED" if missed else "MET",
+                                                  "; ".join(missed) or "—"))
+    for place, times in runs[:1]:
+        missed = [op for op in OPERATIONS
+                  if (linearity(times, op) or (0, 0, 0, "MET"))[3].startswith("MISSED")]
+        rows.append("| cost linear in file size | %s | %s | %s |" % (
+            place, "MISSED" if missed else "MET", ", ".join(missed) or "—"))
+    return "\n".join(rows)
+
+
+# --------------------------------------------------------------- footprint
+
+def section_sizes(library):
+    sizes = {}
+    for line in run(["size", "-A", library]).splitlines():
+        fields = line.split()
+        if len(fields) >= 2 and fields[0].startswith(".") and fields[1].isdigit():
+            sizes[fields[0]] = int(fields[1])
+    return sizes
+
+
+def build_type(build_dir):
+    try:
+        with open(os.path.join(build_dir, "CMakeCache.txt")) as cache:
+            for line in cache:
+                if line.startswith("CMAKE_BUILD_TYPE:"):
+                    return line.split("=", 1)[1].strip() or "default"
+    except OSError:
+        pass
+    return "?"
+
+
+def code_size_table(root):
+    rows = ["| Build | Machine | Build type | .text | .rodata | .data + .bss |",
+            "|---|---|---|---:|---:|---:|"]
+    for build, machine in (("build-bench", "x86-64"), ("build", "x86-64"),
+                           ("build-aarch64", "AArch64")):
+        build_dir = os.path.join(root, build)
+        found = sorted(p for p in glob.glob(os.path.join(
+            build_dir, "components/libraries/cfgfile_lib/libcfgfile.so.1*"))
+            if not os.path.islink(p))
+        if not found:
+            if machine == "AArch64":
+                rows.append("| %s | AArch64 | — | not built | | |" % build)
+            continue
+        sizes = section_sizes(found[0])
+        if ".text" not in sizes:
+            rows.append("| %s | %s | %s | size(1) could not read it | | |" % (
+                build, machine, build_type(build_dir)))
+            continue
+        rows.append("| %s | %s | %s | %d | %d | %d |" % (
+            build, machine, build_type(build_dir), sizes[".text"], sizes.get(".rodata", 0),
+            sizes.get(".data", 0) + sizes.get(".bss", 0)))
+    return "\n".join(rows)
+
+
+NODE = re.compile(r'node: \{ title: "([^"]*)" label: "([^"]*)"')
+EDGE = re.compile(r'edge: \{ sourcename: "([^"]*)" targetname: "([^"]*)"')
+FRAME = re.compile(r"(\d+) bytes \(([a-z,]+)\)")
+
+
+def short_name(title, label):
+    signature = label.split("\\n")[0]
+    if signature.startswith(("constprop", "isra", "part")):
+        # GCC labels a specialised clone by its kind: name it from its symbol.
+        symbol = title.split(":")[-1].split(".")[0]
+        signature = run(["c++filt", symbol]) or symbol
+    signature = signature.replace("(anonymous namespace)::", "")
+    name = (signature.split("(")[0].split() or ["?"])[-1]
+    name = name.split("::")[-1]
+    return "lambda" if name == "_FUN" else name
+
+
+def call_graph(stack_dir):
+    frames, names, calls = {}, {}, {}
+    for path in glob.glob(os.path.join(stack_dir, "*.ci")):
+        with open(path) as stream:
+            text = stream.read()
+        for title, label in NODE.findall(text):
+            match = FRAME.search(label)
+            if match:
+                frames[title] = (int(match.group(1)), match.group(2))
+                names[title] = short_name(title, label)
+        for source, target in EDGE.findall(text):
+            calls.setdefault(source, set()).add(target)
+    return frames, names, calls
+
+
+def deepest(title, frames, calls, memo, active):
+    """(bytes, path) of the deepest chain of the library's own frames from title."""
+    if title in memo:
+        return memo[title]
+    if title not in frames or title in active:
+        return (0, [])
+    active.add(title)
+    best = (0, [])
+    for callee in calls.get(title, ()):
+        below = deepest(callee, frames, calls, memo, active)
+        if below[0] > best[0]:
+            best = below
+    active.discard(title)
+    memo[title] = (frames[title][0] + best[0], [title] + best[1])
+    return memo[title]
+
+
+def stack_table(stack_dir):
+    frames, names, calls = call_graph(stack_dir)
+    memo = {}
+    rows = ["| Function | Operations | Own frame (bytes) | Largest frame on the path | "
+            "Deepest path (bytes) | Path |", "|---|---|---:|---:|---:|---|"]
+    exported = sorted(t for t in frames if t.startswith("CfgFile_"))
+    for title in exported:
+        total, path = deepest(title, frames, calls, memo, set())
+        largest = max(path, key=lambda t: frames[t][0])
+        ops = ", ".join(op for op, entry in ENTRY_POINTS.items() if entry == title) or "—"
+        dynamic = any("dynamic" in frames[t][1] and "bounded" not in frames[t][1] for t in path)
+        rows.append("| %s | %s | %d | %d (%s) | %d%s | %s |" % (
+            title, ops, frames[title][0], frames[largest][0], names[largest], total,
+            " (unbounded)" if dynamic else "",
+            " → ".join("%s %d" % (names[t], frames[t][0]) for t in path)))
+    return "\n".join(rows)
+
+
+def alloc_table(path):
+    with open(path) as stream:
+        counts = json.load(stream)
+    rows = ["| Operation | Allocations per call | Bytes per call |", "|---|---:|---:|"]
+    for op, count in counts.items():
+        rows.append("| %s | %g | %d |" % (op, count["allocations"], count["bytes"]))
+    return "\n".join(rows)
+
+
+# ------------------------------------------------------------------ report
+
+def package_version(package, pkg_config_name=None):
+    version = run(["pkg-config", "--modversion", pkg_config_name]) if pkg_config_name else ""
+    return version or run(["dpkg-query", "-W", "-f=${Version}", package]) or "unknown"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    for name in ("tmpfs", "disk", "alloc", "stack", "tmpfs-dir", "disk-dir", "root", "out"):
+        parser.add_argument("--" + name, required=True)
+    parser.add_argument("--load", default="?")
+    args = parser.parse_args()
+
+    tmpfs, context = load_times(args.tmpfs)
+    disk, _ = load_times(args.disk)
+    runs = [("tmpfs", tmpfs), ("disk", disk)]
+    memory = run(["awk", "/MemTotal/ {printf \"%.0f GiB\", $2 / 1048576}", "/proc/meminfo"])
+    sizes = ", ".join("%d lines = %s bytes" % (n, context.get("file_bytes_%d" % n, "?"))
+                      for n in SIZES)
+    compiler = run(["c++", "--version"]).splitlines()[:1] or ["unknown"]
+
+    text = f"""# Benchmark results
+
+Generated by `bench/run.sh` on {datetime.date.today().isoformat()}; do not edit by hand.
+
+## Machine
+
+| | |
+|---|---|
+| Architecture | {platform.machine()} |
+| CPUs (nproc) | {os.cpu_count()} |
+| CPU model | {cpu_model()} |
+| Memory | {memory} |
+| Kernel | {platform.release()} |
+| Compiler | {compiler[0]} |
+| tmpfs run | `{args.tmpfs_dir}`: {file_system(args.tmpfs_dir)} |
+| disk run | `{args.disk_dir}`: {file_system(args.disk_dir)} |
+| Load average (1, 5, 15 min) before / after the runs | {args.load} |
+| Peers | inih {package_version("libinih-dev", "inih")}, iniparser {package_version("libiniparser-dev")}, GLib {package_version("libglib2.0-dev", "glib-2.0")} (GKeyFile) |
+| Google Benchmark | {package_version("libbenchmark-dev", "benchmark")} |
+
+## How it was measured
+
+- Files: generated sections of nine `key=value` lines each (names, numbers,
+  addresses, codecs, descriptions; 8 to 40 bytes a line), one empty line before
+  each section: {sizes}. The same bytes for every implementation.
+- Times are wall-clock per call, the fastest of the repetitions (`min`), the
+  repetitions of all benchmarks run in random order: on a shared machine other
+  work can only make a run slower, and a burst of it then hits one repetition
+  of many benchmarks rather than every repetition of one.
+- **get_first / get_last / get_missing**: `CfgFile_GetIntValue` of a key in the
+  first section, of the last key of the last section, and of a missing section.
+  Floor: open, `read(2)` in 4 KiB blocks (the library's block) up to the end of
+  the key's line (the whole file when missing), close.
+  inih: `ini_parse_stream` with a line reader that reports the end of the file
+  once the handler has found the key (inih does not stop when a handler returns
+  0 unless built with INI_STOP_ON_FIRST_ERROR, which Debian's is not), value with
+  `atoi`. iniparser: `iniparser_load`, `iniparser_getint`, `iniparser_freedict`.
+  GLib: `g_key_file_load_from_file`, `g_key_file_get_integer`, `g_key_file_free`.
+- **set_replace / set_add / set_new_section / delete_key**: `CfgFile_SetIntValue`
+  of a key in the middle section (replaced, alternating two values of the same
+  length), of a new key in that section, of a key in a new section, and
+  `CfgFile_DeleteKey` of a key in the middle section. The file is put back
+  after each call outside the timing (except for ours on set_replace).
+  Floor (`rewrite/floor`): open and read the whole file, write it to a temporary
+  file, fsync, rename file → .bak and temporary → file, fsync the directory,
+  unlink .bak. iniparser: load, `iniparser_set`/`iniparser_unset`,
+  `iniparser_dump_ini` to a temporary file, fflush + fsync, rename over the file,
+  fsync the directory (iniparser has no save of its own; this makes it as durable
+  as ours). GLib: load with comments, `g_key_file_set_integer`/`remove_key`,
+  `g_key_file_save_to_file` as is; GLib 2.74 writes a temporary file, fsyncs it
+  (the file exists and is not empty), renames it over the file and fsyncs the
+  directory (seen with strace), so on disk it is as durable as ours. inih cannot
+  write.
+- **enumerate**: `CfgFile_EnumerateSections` of all sections; floor: read the
+  whole file; inih counts section changes in its handler; iniparser
+  `iniparser_getnsec`/`getsecname`; GLib `g_key_file_get_groups`.
+- **find_line**: `CfgFile_FindLineStartingWith` of a line in the last section;
+  floor: read up to the end of that line. No peer has this operation.
+- On disk a rewrite waits for two fsyncs (the temporary file and the
+  directory), which dominate for small files and vary from run to run; the
+  tmpfs rows show the cost of the code and its system calls alone.
+- Ratios below 1 mean ours is faster. Debian's libbenchmark prints "Library was
+  built as DEBUG"; that concerns the harness only, not the code measured.
+
+## Targets
+
+{summary(runs)}
+
+Linearity is judged on tmpfs, where no device wait hides the cost per line:
+the cost per 1000 lines between 1000 and 10000 lines may be at most
+{LINEAR_LIMIT}x the cost per 1000 lines between 10 and 1000 lines (for get_first,
+which reads one block whatever the size: the time at 10000 lines at most
+{LINEAR_LIMIT}x the time at 10 lines).
+
+## tmpfs
+
+{ratio_table(tmpfs)}
+
+### Cost per line (tmpfs)
+
+{linearity_table(tmpfs)}
+
+## disk
+
+{ratio_table(disk)}
+
+### Cost per line (disk)
+
+{linearity_table(disk)}
+
+## Peers, absolute times
+
+tmpfs:
+
+{peer_table(tmpfs)}
+
+disk:
+
+{peer_table(disk)}
+
+## Footprint
+
+### Code size of libcfgfile.so (`size -A`, bytes)
+
+{code_size_table(args.root)}
+
+### Stack per operation
+
+From `-fstack-usage -fcallgraph-info=su` on the library's sources with the
+flags of the Release build. "Deepest path" adds the frames of the library's own
+functions down the deepest call chain; frames of the C library (`realpath`,
+`snprintf`, stdio, ...) come on top.
+
+{stack_table(args.stack)}
+
+### Heap allocations per call
+
+Counted by `bench/alloc_count` (malloc, calloc and realloc defined in the
+executable, so calls made inside the shared libraries are counted too), on the
+1000-line file, 100 calls after one uncounted call.
+
+{alloc_table(args.alloc)}
+"""
+    with open(args.out, "w") as out:
+        out.write(text)
+
+
+if __name__ == "__main__":
+    main()
