@@ -15,14 +15,17 @@
 
 #include "cfgfile_api.h"
 
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string_view>
 
 #include <fcntl.h>
@@ -56,6 +59,19 @@ constexpr char kSourceFile[] = "cfgfile_api.cpp";
     } while (0)
 
 #define CFG_TRACE(nLevel, ...) CFG_TRACE_AS(__func__, nLevel, __VA_ARGS__)
+
+namespace {
+
+// Whether a message of nLevel would be printed.
+inline bool TraceOn(int nLevel) {
+    return _g_hCfgFileLibDbg != nullptr && _g_hCfgFileLibDbg->nMaxLevel >= nLevel;
+}
+
+// The lowest level of a message that names or numbers a line. Below it,
+// lines that need no look may be passed over without being counted.
+constexpr int kLineTraceLevel = 4;
+
+} // namespace
 
 // _DoAssert ends the process, so an operation never goes on with what failed.
 #define CFG_ASSERT_AS(szFunction, condition)                                                       \
@@ -163,13 +179,178 @@ int OpenForReading(const char *szFileName) {
     return -1;
 }
 
-// Reads a file line by line like fgets, through a block buffer of its own,
+// Which lines of a block an operation must look at one by one. The others
+// may pass unread, as one run of text: kept, or left out when bLeaveOut.
+struct LineFilter {
+    bool bPass;              // false: every line needs a look
+    char cFirst;             // lines whose first non-blank character is cFirst need a look
+    std::string_view follow; // when this text follows it (empty: always)
+    bool bSectionName;       // follow is a section name: after blanks, in any letter case
+    bool bShortLines;        // the writer's look: short lines and section lines
+    bool bPairs;             // (writer) an empty line and a section line after it may pass
+    bool bLeaveOut;
+};
+
+constexpr LineFilter kLookAtEveryLine{false, 0, {}, false, false, false, false};
+
+// Section lines; with a name, only those that may name it.
+constexpr LineFilter SectionLines(std::string_view name = {}, bool bLeaveOut = false) {
+    return {true, '[', name, true, false, false, bLeaveOut};
+}
+
+// Lines that may begin with szPrefix (not empty) after their blanks.
+constexpr LineFilter PrefixedLines(std::string_view prefix) {
+    return {true, prefix[0], {prefix.data() + 1, prefix.size() - 1}, false, false, false, false};
+}
+
+// Whether two bytes are the same letter to strcasecmp. ASCII is settled
+// here; other bytes follow the locale's tolower, as strcasecmp does.
+inline bool SameLetter(unsigned char c1, unsigned char c2) {
+    if (c1 == c2)
+        return true;
+    if ((c1 | c2) < 0x80) {
+        const unsigned char cLower = c1 | 0x20;
+        return (c1 ^ c2) == 0x20 && cLower >= 'a' && cLower <= 'z';
+    }
+    return tolower(c1) == tolower(c2);
+}
+
+// Whether the text at pc, in a line that ends in a line feed, may begin with
+// the filter's follow text. A section line's name is trimmed and compared
+// without regard to case (the locale's, like strcasecmp), so a name that
+// differs before the end of follow can never match it.
+bool MayFollow(const char *pc, const LineFilter &lineFilter) {
+    if (lineFilter.bSectionName)
+        while (*pc == ' ')
+            ++pc;
+    for (const char c : lineFilter.follow) {
+        const bool bSame = lineFilter.bSectionName ? SameLetter(*pc, c) : *pc == c;
+        if (!bSame)
+            return false;
+        if (*pc == '\n')
+            return true; // never past the end of the line
+        ++pc;
+    }
+    return true;
+}
+
+// The start of the first line in [pcStart, pcStop) that the filter's cFirst
+// and follow mark; pcStop when there is none. pcStart is a line start and
+// pcStop - 1 a line feed.
+const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineFilter &lineFilter) {
+    for (const char *pcFrom = pcStart; pcFrom < pcStop;) {
+        const char *pcHit =
+            static_cast<const char *>(memchr(pcFrom, lineFilter.cFirst, pcStop - pcFrom));
+        if (pcHit == nullptr)
+            break;
+        pcFrom = pcHit + 1;
+        const char *pcLine = pcHit;
+        while (pcLine > pcStart && pcLine[-1] == ' ')
+            --pcLine;
+        if (pcLine != pcStart && pcLine[-1] != '\n')
+            continue; // inside a line
+        if (MayFollow(pcHit + 1, lineFilter))
+            return pcLine;
+    }
+    return pcStop;
+}
+
+// Sixteen bytes at a time, on every target GCC vectorises for.
+using Bytes16 = unsigned char __attribute__((vector_size(16)));
+
+inline Bytes16 Load16(const char *pc) {
+    Bytes16 v;
+    memcpy(&v, pc, sizeof(v));
+    return v;
+}
+
+template <class Vector> inline bool Any16(Vector v) {
+    static_assert(sizeof(v) == 16);
+    uint64_t nLow, nHigh;
+    memcpy(&nLow, &v, sizeof(nLow));
+    memcpy(&nHigh, reinterpret_cast<const char *>(&v) + sizeof(nLow), sizeof(nHigh));
+    return (nLow | nHigh) != 0;
+}
+
+// Whether the line that starts at pcLine, and ends before pcStop, is a short
+// line: its line feed is among its first kShortLineLength bytes.
+inline bool IsShortLine(const char *pcLine, const char *pcStop) {
+    const size_t nLook = pcStop - pcLine < kShortLineLength ? pcStop - pcLine : kShortLineLength;
+    return memchr(pcLine, '\n', nLook) != nullptr;
+}
+
+// The start of the first short line in [pcStart, pcStop), which holds whole
+// lines only; pcStop when there is none. A short line starts after a line
+// feed that another one follows within three bytes.
+const char *FirstShortLine(const char *pcStart, const char *pcStop) {
+    if (pcStart == pcStop || IsShortLine(pcStart, pcStop))
+        return pcStart;
+    const Bytes16 newlines = Bytes16{} + '\n';
+    const char *pc = pcStart;
+    for (; pcStop - pc >= 16 + kShortLineLength; pc += 16) {
+        const auto ends = Load16(pc) == newlines;
+        const auto nextEnds = (Load16(pc + 1) == newlines) | (Load16(pc + 2) == newlines) |
+                              (Load16(pc + 3) == newlines);
+        if (Any16(ends & nextEnds))
+            break;
+    }
+    for (; pc < pcStop - 1; ++pc)
+        if (*pc == '\n' && IsShortLine(pc + 1, pcStop))
+            return pc + 1;
+    return pcStop;
+}
+
+// The writer's look: short lines and section lines. Outside the section
+// it sets, the writer leaves out short lines and writes an empty line before
+// every section line but the first; so an empty line, and a section line
+// after it that cannot name the section, come out as they were and pass
+// together when bPairs.
+const char *FirstLineForWriter(const char *pcStart, const char *pcStop,
+                               const LineFilter &lineFilter) {
+    const LineFilter everySection = SectionLines();
+    for (const char *pc = pcStart;;) {
+        const char *pcShort = FirstShortLine(pc, pcStop);
+        const char *pcSection = FirstMarkedLine(pc, pcShort, everySection);
+        if (pcSection < pcShort || pcShort == pcStop)
+            return pcSection;
+        const char *pcNext = pcShort + 1;
+        const char *pcBracket = pcNext;
+        while (pcBracket < pcStop && *pcBracket == ' ')
+            ++pcBracket;
+        if (!lineFilter.bPairs || *pcShort != '\n' || pcBracket == pcStop || *pcBracket != '[' ||
+            MayFollow(pcBracket + 1, lineFilter))
+            return pcShort;
+        pc = static_cast<const char *>(memchr(pcNext, '\n', pcStop - pcNext)) + 1;
+    }
+}
+
+// The start of the first line in [pcStart, pcStop), which holds whole lines
+// only, longer than nMaxRead bytes: such a line is read in pieces.
+const char *FirstLongLine(const char *pcStart, const char *pcStop, size_t nMaxRead) {
+    const char *pc = pcStart;
+    while (static_cast<size_t>(pcStop - pc) > nMaxRead) {
+        const void *pvNewline = memrchr(pc, '\n', nMaxRead);
+        if (pvNewline == nullptr)
+            return pc;
+        pc = static_cast<const char *>(pvNewline) + 1;
+    }
+    return pcStop;
+}
+
+// Block sizes of the reader: a lookup reads a page at a time; a rewrite,
+// which also writes every block, reads larger ones to halve its system calls.
+constexpr size_t kLookupBlockSize = 4096;
+constexpr size_t kRewriteBlockSize = 16384;
+
+// Reads a file line by line like fgets, through the caller's block buffer,
 // and tells the true length of every read, NUL bytes included. A read that
 // lies whole in the block is handed out in place, terminated by a NUL that
 // stands in for the next byte until the following call: no copy per line.
 class LineReader {
   public:
-    explicit LineReader(int fd) : m_fd(fd) {}
+    // block: the buffer, one byte larger than the blocks read into it.
+    LineReader(int fd, std::span<char> block)
+        : m_fd(fd), m_block(block.data()), m_nBlockSize(block.size() - 1) {}
 
     // Reads up to nCapacity - 1 bytes, stopping after a line feed, and hands
     // them out terminated in *pszLine: in the block, or copied into szSpill
@@ -189,6 +370,7 @@ class LineReader {
         m_cTerminated = m_block[m_nPos];
         m_block[m_nPos] = '\0';
         m_bTerminated = true;
+        m_bAtLineStart = pcStart[nTake - 1] == '\n';
         Remember(pcStart, nTake, true);
         *pszLine = pcStart;
         *pnLength = nTake;
@@ -227,8 +409,67 @@ class LineReader {
                 break;
         }
         szBuffer[nLength] = '\0';
+        m_bAtLineStart = nLength == 0 || szBuffer[nLength - 1] == '\n';
         Remember(szBuffer, nLength, false);
         return nLength;
+    }
+
+    // Passes over the whole lines at the reader's position that lineFilter
+    // lets through, up to the end of the block (read first when used up),
+    // and returns them; empty when the next line needs a look. A line longer
+    // than nCapacity - 1 bytes is never passed (it is read in pieces, and each
+    // piece counts as a line), nor is any line of a block holding NUL bytes.
+    std::string_view PassLines(const LineFilter &lineFilter, size_t nCapacity) {
+        Unterminate();
+        if (!m_bAtLineStart || nCapacity < 2 || !HaveBlock() || m_bBlockHoldsNul)
+            return {};
+        const char *pcStart = m_block + m_nPos;
+        const char *pcEnd = m_block + m_nEnd;
+        const void *pvLastNewline = memrchr(pcStart, '\n', pcEnd - pcStart);
+        const char *pcStop = pvLastNewline ? static_cast<const char *>(pvLastNewline) + 1 : pcStart;
+        pcStop = lineFilter.bShortLines ? FirstLineForWriter(pcStart, pcStop, lineFilter)
+                                        : FirstMarkedLine(pcStart, pcStop, lineFilter);
+        const char *pcLong = FirstLongLine(pcStart, pcStop, nCapacity - 1);
+        // An empty line never passes without the section line after it.
+        if (pcLong < pcStop && lineFilter.bShortLines && pcLong > pcStart &&
+            (pcLong - 1 == pcStart || pcLong[-2] == '\n'))
+            --pcLong;
+        pcStop = pcLong;
+        m_nPos = pcStop - m_block;
+        return {pcStart, static_cast<size_t>(pcStop - pcStart)};
+    }
+
+    // Has the kernel copy the rest of the file, past the block, to fdOut.
+    // False when it cannot; reading then goes on where the copy stopped.
+    bool SendRest(int fdOut) {
+        Unterminate();
+        m_nPos = m_nEnd;
+        while (!m_bAtEnd) {
+            const ssize_t nCopied =
+                Sys([&] { return copy_file_range(m_fd, nullptr, fdOut, nullptr, kMaxCopy, 0); },
+                    ssize_t(-1));
+            if (nCopied < 0 && errno != EINTR)
+                return false;
+            m_bAtEnd = nCopied == 0;
+        }
+        return true;
+    }
+
+    // Passes over the rest of the block, whatever it holds (read first when
+    // used up), and returns it; empty at the end of the file.
+    std::string_view PassBlock() {
+        Unterminate();
+        return HaveBlock() ? TakeBlockRest() : std::string_view();
+    }
+
+    // Passes over the rest of the block, whatever it holds, and returns it.
+    std::string_view TakeBlockRest() {
+        Unterminate();
+        const std::string_view rest(m_block + m_nPos, m_nEnd - m_nPos);
+        m_nPos = m_nEnd;
+        if (!rest.empty())
+            m_bAtLineStart = rest.back() == '\n';
+        return rest;
     }
 
     // Whether the last read holds a NUL byte: such text is not a line of the format.
@@ -263,30 +504,37 @@ class LineReader {
         m_bTerminated = false;
     }
 
+    bool HaveBlock() { return m_nPos < m_nEnd || Refill(); }
+
     bool Refill() {
         if (m_pfnRefillHook != nullptr)
             m_pfnRefillHook(m_pRefillContext);
         m_bTerminated = false;
         m_nPos = 0;
         m_nEnd = 0;
-        if (m_bFailed)
+        if (m_bFailed || m_bAtEnd)
             return false;
         ssize_t nRead;
         do {
-            nRead = Sys([&] { return read(m_fd, m_block, kBlockSize); }, ssize_t(-1));
+            nRead = Sys([&] { return read(m_fd, m_block, m_nBlockSize); }, ssize_t(-1));
         } while (nRead < 0 && errno == EINTR);
         if (nRead < 0)
             m_bFailed = true;
+        m_bAtEnd = nRead == 0;
         m_nEnd = nRead > 0 ? static_cast<size_t>(nRead) : 0;
         m_bBlockHoldsNul = memchr(m_block, '\0', m_nEnd) != nullptr;
         return m_nEnd > 0;
     }
 
-    static constexpr size_t kBlockSize = 4096;
+    static constexpr size_t kMaxCopy = size_t(1) << 30;
     int m_fd;
+    char *m_block;
+    size_t m_nBlockSize;
     size_t m_nPos = 0;
     size_t m_nEnd = 0;
     bool m_bFailed = false;
+    bool m_bAtEnd = false;
+    bool m_bAtLineStart = true; // the last read ended with a line feed
     bool m_bBlockHoldsNul = false;
     bool m_bTerminated = false;
     char m_cTerminated = 0;
@@ -295,7 +543,6 @@ class LineReader {
     bool m_bLastInBlock = false;
     void (*m_pfnRefillHook)(void *) = nullptr;
     void *m_pRefillContext = nullptr;
-    char m_block[kBlockSize + 1];
 };
 
 // Writes a new file through a stream. A failed write is remembered, so that
@@ -338,6 +585,9 @@ class OutputFile {
             errno = nErr;
             return false;
         }
+        // Small writes gather in this object's buffer, so the stream neither
+        // allocates one nor asks the file system for its block size.
+        setvbuf(m_fp, m_szBuffer, _IOFBF, sizeof(m_szBuffer));
         return true;
     }
 
@@ -366,6 +616,16 @@ class OutputFile {
 
     bool Failed() const { return m_bFailed; }
 
+    // Hands everything written so far to the file, so that the descriptor
+    // can be written to directly.
+    bool Flush() {
+        if (!WritePending() || Sys([&] { return fflush(m_fp); }, EOF) != 0)
+            m_bFailed = true;
+        return !m_bFailed;
+    }
+
+    int Descriptor() const { return fileno(m_fp); }
+
     bool Write(std::string_view text) { return Write(text.data(), text.size()); }
 
     // Writes "<szKey>=<szValue>" and the line feeds given.
@@ -391,9 +651,11 @@ class OutputFile {
     bool WriteNow(const char *pcData, size_t nLength) {
         if (m_bFailed)
             return false;
-        const size_t nWritten =
-            Sys([&] { return fwrite_unlocked(pcData, 1, nLength, m_fp); }, size_t(0));
-        if (nWritten != nLength) {
+        const bool bWritten = nLength >= sizeof(m_szBuffer)
+                                  ? WriteDirect(pcData, nLength)
+                                  : Sys([&] { return fwrite_unlocked(pcData, 1, nLength, m_fp); },
+                                        size_t(0)) == nLength;
+        if (!bWritten) {
             m_bFailed = true;
             return false;
         }
@@ -402,11 +664,30 @@ class OutputFile {
         return true;
     }
 
+    // Writes a large run to the descriptor in one call, after what the
+    // stream holds, rather than through the stream's small buffer.
+    bool WriteDirect(const char *pcData, size_t nLength) {
+        if (Sys([&] { return fflush(m_fp); }, EOF) != 0)
+            return false;
+        while (nLength > 0) {
+            const ssize_t nWritten =
+                Sys([&] { return write(fileno(m_fp), pcData, nLength); }, ssize_t(-1));
+            if (nWritten < 0 && errno == EINTR)
+                continue;
+            if (nWritten <= 0)
+                return false;
+            pcData += nWritten;
+            nLength -= static_cast<size_t>(nWritten);
+        }
+        return true;
+    }
+
     FILE *m_fp = nullptr;
     bool m_bFailed = false;
     bool m_bAtLineStart = true;
     const char *m_pcPending = nullptr;
     size_t m_nPending = 0;
+    char m_szBuffer[1024];
 };
 
 // Makes the renames in the directory of szPath durable.
@@ -535,6 +816,12 @@ const char *ExtractKeyName(const char *pcKeyStart, const char *pcEquals,
     return szKeyNameBuffer;
 }
 
+// Passes over the lines that lineFilter lets through.
+void SkipLines(LineReader &reader, const LineFilter &lineFilter, size_t nCapacity) {
+    while (!reader.PassLines(lineFilter, nCapacity).empty()) {
+    }
+}
+
 // ------------------------------------------------ 4. the lookup and getters
 
 // Looks up the value of szKeyName in the first section named szSection.
@@ -563,10 +850,18 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
 
     const SectionLineTraces sectionTraces{__func__, szFileName, 7};
-    LineReader reader(file.Get());
+    // Outside the section only section lines matter; the others pass unread
+    // while no trace counts them.
+    const bool bPassLines = !TraceOn(kLineTraceLevel);
+    char block[kLookupBlockSize + 1];
+    LineReader reader(file.Get(), block);
     size_t nLineLength;
     char *szLine;
-    while (reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength)) {
+    for (;;) {
+        if (bPassLines && !bInSection)
+            SkipLines(reader, SectionLines(szSection), sizeof(szLineBuffer));
+        if (!reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength))
+            break;
         ++iLineCount;
         CFG_TRACE(8, "Processing line %d.\n", iLineCount);
         if (reader.LastHoldsNul())
@@ -950,6 +1245,45 @@ inline bool CopyRead(const LineReader &reader, OutputFile &tmp, const char *szLi
     return !tmp.Failed();
 }
 
+// Copies the rest of the file unchanged: the rest of the block, then the
+// rest of the file, by the kernel where it can. False when a write failed.
+bool CopyTail(LineReader &reader, OutputFile &tmp) {
+    const std::string_view rest = reader.TakeBlockRest();
+    tmp.CopyPending(rest.data(), rest.size());
+    if (!tmp.Flush())
+        return false;
+    if (reader.SendRest(tmp.Descriptor()))
+        return true;
+    for (std::string_view block; !(block = reader.PassBlock()).empty();) {
+        tmp.CopyPending(block.data(), block.size());
+        if (tmp.Failed())
+            return false;
+    }
+    return true;
+}
+
+// Passes the lines that the operation need not look at straight on, in runs
+// of the reader's block: copied, or left out. After the change, the tail
+// passes whole. False when a write failed.
+template <size_t N, class Operation>
+bool PassLines(LineReader &reader, OutputFile &tmp, const Operation &op) {
+    for (;;) {
+        if (op.InTail())
+            return CopyTail(reader, tmp);
+        const LineFilter lineFilter = op.Passable();
+        if (!lineFilter.bPass)
+            return true;
+        const std::string_view run = reader.PassLines(lineFilter, N);
+        if (run.empty())
+            return true;
+        if (!lineFilter.bLeaveOut) {
+            tmp.CopyPending(run.data(), run.size());
+            if (tmp.Failed())
+                return false;
+        }
+    }
+}
+
 // Copies the file into the temporary file, line by line, as the operation
 // decides. The end of an over-long line and a read holding NUL bytes pass
 // through unchanged: a line is copied or left out whole, never split or cut.
@@ -960,9 +1294,15 @@ int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &
     char szLineBuffer[N];
     int iLineCount = 0;
     bool bInsideLine = false; // the previous read ended inside a line
+    // Lines pass unread only while no trace counts them.
+    const bool bPassLines = !TraceOn(kLineTraceLevel);
     char *szLine;
     size_t nLength;
-    while (reader.Next(szLineBuffer, N, &szLine, &nLength)) {
+    for (;;) {
+        if (bPassLines && !PassLines<N>(reader, tmp, op))
+            return CFGFILE_FAILURE;
+        if (!reader.Next(szLineBuffer, N, &szLine, &nLength))
+            break;
         ++iLineCount;
         CFG_TRACE_AS(szFunction, rules.nProcessingLevel, "Processing line %d.\n", iLineCount);
         const bool bHasNewline = szLine[nLength - 1] == '\n';
@@ -1051,7 +1391,8 @@ RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, 
     CopyFileOwnership(szFileName, tmp.Stream());
 
     // The reader outlives the copy: text of its block may wait in tmp until the commit.
-    LineReader reader(readFile.Get());
+    char block[kRewriteBlockSize + 1];
+    LineReader reader(readFile.Get(), block);
     reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
     int iRetCode = CopyLines<N>(rules, names, reader, tmp, op);
     if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
@@ -1100,6 +1441,11 @@ class ValueWriter {
 
     bool InTail() const { return m_bValueWritten; }
     bool Changed() const { return true; }
+    LineFilter Passable() const {
+        if (m_bInSection)
+            return kLookAtEveryLine;
+        return {true, '[', m_szSection, true, true, !m_bFirstSection, false};
+    }
 
     Verdict Classify(const RewriteLine &line, OutputFile &out) {
         // Pieces of an over-long line are copied as they are.
@@ -1263,6 +1609,12 @@ class SectionRemover {
     bool InTail() const { return false; }
     bool Changed() const { return true; }
     bool Finish(OutputFile &) { return true; }
+    // Up to the next section line, lines are copied, or left out in a chosen section.
+    LineFilter Passable() const {
+        if (m_bInSection)
+            return SectionLines({}, true);
+        return SectionLines({m_szSectionPrefix, m_nSectionPrefixLen});
+    }
 
     Verdict Classify(const RewriteLine &line, OutputFile &) {
         if (line.nLength <= kShortLineLength && !m_bInSection)
@@ -1306,6 +1658,9 @@ class KeyRemover {
     bool InTail() const { return false; }
     bool Changed() const { return m_bKeyDeleted; }
     bool Finish(OutputFile &) { return true; }
+    LineFilter Passable() const {
+        return m_bInSection ? kLookAtEveryLine : SectionLines(m_szSection);
+    }
 
     Verdict Classify(const RewriteLine &line, OutputFile &) {
         if (line.nLength <= kShortLineLength && !m_bInSection)
@@ -1360,6 +1715,9 @@ class SectionKeysRemover {
     bool InTail() const { return false; }
     bool Changed() const { return m_bKeyDeleted; }
     bool Finish(OutputFile &) { return true; }
+    LineFilter Passable() const {
+        return m_bInSection ? kLookAtEveryLine : SectionLines(m_szSection);
+    }
 
     Verdict Classify(const RewriteLine &line, OutputFile &) {
         if ((line.nLength <= kShortLineLength && !m_bInSection) || !line.IsWholeLine())
@@ -1428,6 +1786,10 @@ class PrefixedLineChanger {
     bool InTail() const { return m_bLineChanged; }
     bool Changed() const { return true; }
     bool Finish(OutputFile &) { return true; }
+    // Lines that cannot begin with the prefix pass unread.
+    LineFilter Passable() const {
+        return m_nPrefixLength > 0 ? PrefixedLines(m_szPrefix) : kLookAtEveryLine;
+    }
 
     Verdict Classify(const RewriteLine &line, OutputFile &out) {
         // Only whole lines are matched.
@@ -1578,10 +1940,14 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
         CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
         iRetCode = CFGFILE_SUCCESS;
         const size_t nPrefixLength = strlen(szSectionPrefix);
-        LineReader reader(file.Get());
+        char block[kLookupBlockSize + 1];
+        LineReader reader(file.Get(), block);
         size_t nLineLength;
         char *szLine;
-        while (reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength)) {
+        for (;;) {
+            SkipLines(reader, SectionLines(), sizeof(szLineBuffer));
+            if (!reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength))
+                break;
             if (nLineLength <= kShortLineLength || szLine[nLineLength - 1] != '\n' ||
                 reader.LastHoldsNul())
                 continue;
@@ -1631,10 +1997,16 @@ CFGFILE_API int CfgFile_FindLineStartingWith(const char *szFileName, const char 
 
     // The caller's buffer is the line buffer. A buffer of 1 byte holds no
     // line, and the reader then ends the scan at once.
-    LineReader reader(file.Get());
+    // Lines that cannot begin with the prefix pass unread.
+    const LineFilter prefixedLines = PrefixedLines(szPrefix);
+    char block[kLookupBlockSize + 1];
+    LineReader reader(file.Get(), block);
     bool bInsideLine = false; // the previous read ended inside a line
     size_t nLineLength;
-    while ((nLineLength = reader.ReadLine(szBuffer, nBuffSize)) > 0) {
+    for (;;) {
+        SkipLines(reader, prefixedLines, nBuffSize);
+        if ((nLineLength = reader.ReadLine(szBuffer, nBuffSize)) == 0)
+            break;
         const bool bWholeLine = !bInsideLine && szBuffer[nLineLength - 1] == '\n';
         bInsideLine = szBuffer[nLineLength - 1] != '\n';
         // Only whole lines count: never a piece of a longer one, a last line
