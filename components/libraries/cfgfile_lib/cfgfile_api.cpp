@@ -1940,12 +1940,15 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
         CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
         iRetCode = CFGFILE_SUCCESS;
         const size_t nPrefixLength = strlen(szSectionPrefix);
+        // Lines that cannot be section lines pass unread while no trace counts them.
+        const bool bPassLines = !TraceOn(kLineTraceLevel);
         char block[kLookupBlockSize + 1];
         LineReader reader(file.Get(), block);
         size_t nLineLength;
         char *szLine;
         for (;;) {
-            SkipLines(reader, SectionLines(), sizeof(szLineBuffer));
+            if (bPassLines)
+                SkipLines(reader, SectionLines(), sizeof(szLineBuffer));
             if (!reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength))
                 break;
             if (nLineLength <= kShortLineLength || szLine[nLineLength - 1] != '\n' ||
@@ -1997,14 +2000,16 @@ CFGFILE_API int CfgFile_FindLineStartingWith(const char *szFileName, const char 
 
     // The caller's buffer is the line buffer. A buffer of 1 byte holds no
     // line, and the reader then ends the scan at once.
-    // Lines that cannot begin with the prefix pass unread.
+    // Lines that cannot begin with the prefix pass unread while no trace counts them.
+    const bool bPassLines = !TraceOn(kLineTraceLevel);
     const LineFilter prefixedLines = PrefixedLines(szPrefix);
     char block[kLookupBlockSize + 1];
     LineReader reader(file.Get(), block);
     bool bInsideLine = false; // the previous read ended inside a line
     size_t nLineLength;
     for (;;) {
-        SkipLines(reader, prefixedLines, nBuffSize);
+        if (bPassLines)
+            SkipLines(reader, prefixedLines, nBuffSize);
         if ((nLineLength = reader.ReadLine(szBuffer, nBuffSize)) == 0)
             break;
         const bool bWholeLine = !bInsideLine && szBuffer[nLineLength - 1] == '\n';
