@@ -23,7 +23,7 @@ std::string RandomFile(std::mt19937 &random) {
         "pot=1\n",     "mode=720\n", "m=1\n",       "# port=1\n", "text\n",      "\n",
         "\n",          "\n",         "a\n",         "ab\n",       "\r\n",        "a=\n",
         "port=83\r\n", "[net]\r\n",  "x[net]\n",    "po\0rt=1\n", "\n[net]\n",   "\n[video]\n",
-        "[NET]\n",     "[ NeT ]\n"};
+        "[NET]\n",     "[ NeT ]\n",  "\n[]\n",      "\n[n\n",     "\n  [x]\n"};
     std::uniform_int_distribution<int> pick(0, std::size(kLines) - 1);
     std::uniform_int_distribution<int> longLength(505, 1205);
     const size_t nLines = std::uniform_int_distribution<size_t>(0, 1500)(random);

@@ -255,6 +255,21 @@ const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineF
     return pcStop;
 }
 
+// Whether the line at pcLine, which ends before pcStop, is a short line:
+// its line feed is among its first kShortLineLength (3) bytes.
+inline bool IsShortLine(const char *pcLine, const char *pcStop) {
+    static_assert(kShortLineLength == 3);
+    const ptrdiff_t nLeft = pcStop - pcLine;
+    return pcLine[0] == '\n' || (nLeft > 1 && pcLine[1] == '\n') ||
+           (nLeft > 2 && pcLine[2] == '\n');
+}
+
+// Whether a line that starts at pcLine (before pcStop) may need the
+// writer's look: a short line, or one that begins with "[" or a blank.
+inline bool MayNeedWriterLook(const char *pcLine, const char *pcStop) {
+    return IsShortLine(pcLine, pcStop) || *pcLine == '[' || *pcLine == ' ';
+}
+
 // Sixteen bytes at a time, on every target GCC vectorises for.
 using Bytes16 = unsigned char __attribute__((vector_size(16)));
 
@@ -264,38 +279,30 @@ inline Bytes16 Load16(const char *pc) {
     return v;
 }
 
-template <class Vector> inline bool Any16(Vector v) {
-    static_assert(sizeof(v) == 16);
-    uint64_t nLow, nHigh;
-    memcpy(&nLow, &v, sizeof(nLow));
-    memcpy(&nHigh, reinterpret_cast<const char *>(&v) + sizeof(nLow), sizeof(nHigh));
-    return (nLow | nHigh) != 0;
-}
-
-// Whether the line that starts at pcLine, and ends before pcStop, is a short
-// line: its line feed is among its first kShortLineLength bytes.
-inline bool IsShortLine(const char *pcLine, const char *pcStop) {
-    const size_t nLook = pcStop - pcLine < kShortLineLength ? pcStop - pcLine : kShortLineLength;
-    return memchr(pcLine, '\n', nLook) != nullptr;
-}
-
-// The start of the first short line in [pcStart, pcStop), which holds whole
-// lines only; pcStop when there is none. A short line starts after a line
-// feed that another one follows within three bytes.
-const char *FirstShortLine(const char *pcStart, const char *pcStop) {
-    if (pcStart == pcStop || IsShortLine(pcStart, pcStop))
-        return pcStart;
-    const Bytes16 newlines = Bytes16{} + '\n';
-    const char *pc = pcStart;
+// The start of the first line after pc, in [pc, pcStop) of whole lines,
+// that may need the writer's look; pcStop when there is none.
+const char *NextWriterCandidate(const char *pc, const char *pcStop) {
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
+    const Bytes16 newline = Bytes16{} + '\n';
+    const Bytes16 bracket = Bytes16{} + '[';
+    const Bytes16 blank = Bytes16{} + ' ';
+    // A line feed at i marks the line at i + 1, when one of the next three
+    // bytes is a line feed too, or the next one a "[" or a blank.
     for (; pcStop - pc >= 16 + kShortLineLength; pc += 16) {
-        const auto ends = Load16(pc) == newlines;
-        const auto nextEnds = (Load16(pc + 1) == newlines) | (Load16(pc + 2) == newlines) |
-                              (Load16(pc + 3) == newlines);
-        if (Any16(ends & nextEnds))
-            break;
+        const Bytes16 next = Load16(pc + 1);
+        const auto marks = (Load16(pc) == newline) &
+                           ((next == newline) | (Load16(pc + 2) == newline) |
+                            (Load16(pc + 3) == newline) | (next == bracket) | (next == blank));
+        uint64_t nLow, nHigh;
+        memcpy(&nLow, &marks, sizeof(nLow));
+        memcpy(&nHigh, reinterpret_cast<const char *>(&marks) + sizeof(nLow), sizeof(nHigh));
+        if (nLow != 0)
+            return pc + __builtin_ctzll(nLow) / 8 + 1;
+        if (nHigh != 0)
+            return pc + sizeof(nLow) + __builtin_ctzll(nHigh) / 8 + 1;
     }
     for (; pc < pcStop - 1; ++pc)
-        if (*pc == '\n' && IsShortLine(pc + 1, pcStop))
+        if (*pc == '\n' && MayNeedWriterLook(pc + 1, pcStop))
             return pc + 1;
     return pcStop;
 }
@@ -304,24 +311,30 @@ const char *FirstShortLine(const char *pcStart, const char *pcStop) {
 // it sets, the writer leaves out short lines and writes an empty line before
 // every section line but the first; so an empty line, and a section line
 // after it that cannot name the section, come out as they were and pass
-// together when bPairs.
+// together when bPairs. pcStart is a line start, pcStop - 1 a line feed.
 const char *FirstLineForWriter(const char *pcStart, const char *pcStop,
                                const LineFilter &lineFilter) {
-    const LineFilter everySection = SectionLines();
-    for (const char *pc = pcStart;;) {
-        const char *pcShort = FirstShortLine(pc, pcStop);
-        const char *pcSection = FirstMarkedLine(pc, pcShort, everySection);
-        if (pcSection < pcShort || pcShort == pcStop)
-            return pcSection;
-        const char *pcNext = pcShort + 1;
-        const char *pcBracket = pcNext;
-        while (pcBracket < pcStop && *pcBracket == ' ')
-            ++pcBracket;
-        if (!lineFilter.bPairs || *pcShort != '\n' || pcBracket == pcStop || *pcBracket != '[' ||
-            MayFollow(pcBracket + 1, lineFilter))
-            return pcShort;
-        pc = static_cast<const char *>(memchr(pcNext, '\n', pcStop - pcNext)) + 1;
+    const char *pcLine = pcStart;
+    while (pcLine < pcStop) {
+        if (!MayNeedWriterLook(pcLine, pcStop)) {
+            pcLine = NextWriterCandidate(pcLine, pcStop);
+            continue;
+        }
+        const bool bEmpty = *pcLine == '\n';
+        const char *pc = bEmpty ? pcLine + 1 : pcLine;
+        while (pc < pcStop && *pc == ' ')
+            ++pc;
+        // A line of blanks and text, or an empty line that passes with the
+        // section line after it; anything else needs a look.
+        if (!bEmpty && *pc != '[' && !IsShortLine(pcLine, pcStop))
+            pcLine = NextWriterCandidate(pcLine, pcStop);
+        else if (bEmpty && lineFilter.bPairs && pc < pcStop && *pc == '[' &&
+                 !IsShortLine(pcLine + 1, pcStop) && !MayFollow(pc + 1, lineFilter))
+            pcLine = static_cast<const char *>(memchr(pc, '\n', pcStop - pc)) + 1;
+        else
+            return pcLine;
     }
+    return pcStop;
 }
 
 // The start of the first line in [pcStart, pcStop), which holds whole lines
