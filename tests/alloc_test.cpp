@@ -1,6 +1,6 @@
 // Heap use of the library's operations, counted by replacing the C library's
 // allocator in this executable: reads allocate nothing, and a rewrite only
-// what the C library's stream for its temporary file takes, freed again by
+// the FILE of the C library's stream for its temporary file, freed again by
 // the time the call returns.
 #include <cstring>
 
@@ -59,8 +59,8 @@ template <class T> static T g_out;
 #define TEXT g_out<char[64]>, &g_out<size_t>
 #define OP(call) []([[maybe_unused]] const char *f) { return call; }
 
-// A rewrite may allocate only for the stream it writes its temporary file
-// through: fdopen() allocates the FILE, the first write the stream's buffer.
+// A rewrite may allocate only the FILE of the stream its temporary file is
+// open as (fdopen() allocates it); nothing is written through the stream.
 static const HeapCase kCases[] = {
     {"GetString", OP(CfgFile_GetStringValue(f, "A", "N", TEXT, "")), 0},
     {"NoFile", OP(CfgFile_GetStringValue("/none", "A", "N", TEXT, "")), 0, CFGFILE_FILE_ACCESS},
@@ -75,12 +75,12 @@ static const HeapCase kCases[] = {
     {"Enumerate", OP(CfgFile_EnumerateSections(f, "", TEXT, &g_out<UINT>)), 0},
     {"FindLine", OP(CfgFile_FindLineStartingWith(f, "G", TEXT)), 0},
     {"SetGroupOwnership", OP(CfgFile_SetGroupOwnership(f, getgid())), 0},
-    {"SetString", OP(CfgFile_SetStringValue(f, "C", "V", "-12")), 2},
-    {"DeleteSections", OP(CfgFile_DeleteSections(f, "B")), 2},
-    {"DeleteKey", OP(CfgFile_DeleteKey(f, "A", "B")), 2},
-    {"DeleteAllSectionKeys", OP(CfgFile_DeleteAllSectionKeys(f, "A")), 2},
-    {"CommentLine", OP(CfgFile_CommentLineStartingWith(f, "G")), 2},
-    {"DeleteLine", OP(CfgFile_DeleteLineStartingWith(f, "G")), 2},
+    {"SetString", OP(CfgFile_SetStringValue(f, "C", "V", "-12")), 1},
+    {"DeleteSections", OP(CfgFile_DeleteSections(f, "B")), 1},
+    {"DeleteKey", OP(CfgFile_DeleteKey(f, "A", "B")), 1},
+    {"DeleteAllSectionKeys", OP(CfgFile_DeleteAllSectionKeys(f, "A")), 1},
+    {"CommentLine", OP(CfgFile_CommentLineStartingWith(f, "G")), 1},
+    {"DeleteLine", OP(CfgFile_DeleteLineStartingWith(f, "G")), 1},
 };
 
 class OperationHeapUse : public ::testing::TestWithParam<HeapCase> {};

@@ -32,6 +32,7 @@
 #include <locale.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "dbgtrace.h"
@@ -558,8 +559,11 @@ class LineReader {
     void *m_pRefillContext = nullptr;
 };
 
-// Writes a new file through a stream. A failed write is remembered, so that
-// Commit() - flush, fsync, close, each checked - can refuse a short file.
+// Writes a new file: small text gathers in a staging buffer, and goes out
+// with the next large run in one writev. The file is also open as a stream,
+// which the routines that carry over mode and owner take. A failed write is
+// remembered, so that Commit() - flush, fsync, close, each checked - can
+// refuse a short file.
 class OutputFile {
   public:
     OutputFile() = default;
@@ -598,9 +602,6 @@ class OutputFile {
             errno = nErr;
             return false;
         }
-        // Small writes gather in this object's buffer, so the stream neither
-        // allocates one nor asks the file system for its block size.
-        setvbuf(m_fp, m_szBuffer, _IOFBF, sizeof(m_szBuffer));
         return true;
     }
 
@@ -632,7 +633,7 @@ class OutputFile {
     // Hands everything written so far to the file, so that the descriptor
     // can be written to directly.
     bool Flush() {
-        if (!WritePending() || Sys([&] { return fflush(m_fp); }, EOF) != 0)
+        if (WritePending() && m_nStaged > 0 && !WriteOut(nullptr, 0))
             m_bFailed = true;
         return !m_bFailed;
     }
@@ -651,8 +652,7 @@ class OutputFile {
     // Flushes, syncs (when bSync) and closes the file; false when any of it,
     // or any earlier write, failed.
     bool Commit(bool bSync) {
-        bool bOk = WritePending();
-        bOk = Sys([&] { return fflush(m_fp); }, EOF) == 0 && bOk;
+        bool bOk = Flush();
         if (bSync)
             bOk = Sys([&] { return fsync(fileno(m_fp)); }, -1) == 0 && bOk;
         bOk = Sys([&] { return fclose(m_fp); }, EOF) == 0 && bOk;
@@ -661,14 +661,15 @@ class OutputFile {
     }
 
   private:
+    // Gathers small text in the staging buffer; writes larger text at once,
+    // after what is staged.
     bool WriteNow(const char *pcData, size_t nLength) {
         if (m_bFailed)
             return false;
-        const bool bWritten = nLength >= sizeof(m_szBuffer)
-                                  ? WriteDirect(pcData, nLength)
-                                  : Sys([&] { return fwrite_unlocked(pcData, 1, nLength, m_fp); },
-                                        size_t(0)) == nLength;
-        if (!bWritten) {
+        if (nLength <= sizeof(m_szStaged) - m_nStaged) {
+            memcpy(m_szStaged + m_nStaged, pcData, nLength);
+            m_nStaged += nLength;
+        } else if (!WriteOut(pcData, nLength)) {
             m_bFailed = true;
             return false;
         }
@@ -677,30 +678,46 @@ class OutputFile {
         return true;
     }
 
-    // Writes a large run to the descriptor in one call, after what the
-    // stream holds, rather than through the stream's small buffer.
-    bool WriteDirect(const char *pcData, size_t nLength) {
-        if (Sys([&] { return fflush(m_fp); }, EOF) != 0)
-            return false;
-        while (nLength > 0) {
+    // Writes the staged text and then nLength bytes at pcData, in one call
+    // where the file takes them whole.
+    bool WriteOut(const char *pcData, size_t nLength) {
+        iovec parts[2] = {{m_szStaged, m_nStaged}, {const_cast<char *>(pcData), nLength}};
+        m_nStaged = 0;
+        iovec *pPart = parts;
+        int nParts = 2;
+        for (;;) {
+            while (nParts > 0 && pPart->iov_len == 0) {
+                ++pPart;
+                --nParts;
+            }
+            if (nParts == 0)
+                return true;
             const ssize_t nWritten =
-                Sys([&] { return write(fileno(m_fp), pcData, nLength); }, ssize_t(-1));
+                Sys([&] { return writev(fileno(m_fp), pPart, nParts); }, ssize_t(-1));
             if (nWritten < 0 && errno == EINTR)
                 continue;
             if (nWritten <= 0)
                 return false;
-            pcData += nWritten;
-            nLength -= static_cast<size_t>(nWritten);
+            for (size_t nLeft = static_cast<size_t>(nWritten); nLeft > 0;) {
+                const size_t nTaken = nLeft < pPart->iov_len ? nLeft : pPart->iov_len;
+                pPart->iov_base = static_cast<char *>(pPart->iov_base) + nTaken;
+                pPart->iov_len -= nTaken;
+                nLeft -= nTaken;
+                if (pPart->iov_len == 0) {
+                    ++pPart;
+                    --nParts;
+                }
+            }
         }
-        return true;
     }
 
-    FILE *m_fp = nullptr;
+    FILE *m_fp = nullptr; // the stream the mode and owner routines take
     bool m_bFailed = false;
     bool m_bAtLineStart = true;
     const char *m_pcPending = nullptr;
     size_t m_nPending = 0;
-    char m_szBuffer[1024];
+    char m_szStaged[1024];
+    size_t m_nStaged = 0;
 };
 
 // Makes the renames in the directory of szPath durable.
