@@ -8,6 +8,8 @@
 //   set_replace, set_add, set_new_section, delete_key
 //   enumerate, find_line
 //   rewrite/floor                     the floor of every operation that writes
+//   rewrite/protocol                  the floor plus the calls the rewrite makes
+//                                     by its definition (mode, owner, backup)
 // Implementations: ours, floor, inih (lookups only), iniparser, glib.
 //
 // Files lie in $BENCH_DIR (default /dev/shm/cfgfile-bench), so one binary
@@ -100,8 +102,11 @@ bool FloorRead(const char *szPath, size_t nOffset) {
 
 // Replaces the file with its own content, the safe way and nothing more:
 // read it whole, write and sync a temporary file, swap it in through a
-// backup name, sync the directory, delete the backup.
-bool FloorRewrite(const WriteTarget &target, std::vector<char> &buffer) {
+// backup name, sync the directory, delete the backup. With bProtocol, also
+// the calls the library's rewrite makes by its definition: the mode and the
+// owner carried over (each a stat of the file and a change of the temporary
+// file) and the removal of a leftover backup before the swap.
+bool FloorRewrite(const WriteTarget &target, std::vector<char> &buffer, bool bProtocol) {
     const int fdIn = open(target.path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fdIn < 0)
         return false;
@@ -113,9 +118,18 @@ bool FloorRewrite(const WriteTarget &target, std::vector<char> &buffer) {
     const int fdOut = open(target.tmpPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fdOut < 0)
         return false;
+    struct stat st;
+    if (bProtocol &&
+        (stat(target.path.c_str(), &st) != 0 || fchmod(fdOut, st.st_mode) != 0 ||
+         stat(target.path.c_str(), &st) != 0 || fchown(fdOut, st.st_uid, st.st_gid) != 0)) {
+        close(fdOut);
+        return false;
+    }
     bool bOk = write(fdOut, buffer.data(), nSize) == static_cast<ssize_t>(nSize);
     bOk = fsync(fdOut) == 0 && bOk;
     bOk = close(fdOut) == 0 && bOk;
+    if (bProtocol)
+        unlink(target.backupPath.c_str());
     bOk = bOk && rename(target.path.c_str(), target.backupPath.c_str()) == 0 &&
           rename(target.tmpPath.c_str(), target.path.c_str()) == 0 &&
           SyncDirectory(g_benchDir.c_str());
@@ -525,14 +539,19 @@ void RegisterWrites(const SizeCase &sizeCase, const std::string &suffix) {
                          true);
                  });
     }
-    Register("rewrite/floor" + suffix,
-             [target = MakeWriteTarget("rewrite-" + size + "-floor", sizeCase.file)](
-                 benchmark::State &state) {
-                 std::vector<char> buffer(target.pFile->text.size() + kBlockSize);
-                 RunWrite(
-                     state, target,
-                     [&](const WriteTarget &t, int64_t) { return FloorRewrite(t, buffer); }, false);
-             });
+    for (const bool bProtocol : {false, true})
+        Register(std::string(bProtocol ? "rewrite/protocol" : "rewrite/floor") + suffix,
+                 [bProtocol,
+                  target = MakeWriteTarget("rewrite-" + size + (bProtocol ? "-protocol" : "-floor"),
+                                           sizeCase.file)](benchmark::State &state) {
+                     std::vector<char> buffer(target.pFile->text.size() + kBlockSize);
+                     RunWrite(
+                         state, target,
+                         [&](const WriteTarget &t, int64_t) {
+                             return FloorRewrite(t, buffer, bProtocol);
+                         },
+                         false);
+                 });
 }
 
 } // namespace

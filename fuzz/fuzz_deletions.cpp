@@ -48,16 +48,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
     FuzzedDataProvider fdp(pData, nSize);
     const int iDeletion = fdp.ConsumeIntegralInRange<int>(0, 2);
     const bool bFilePresent = fdp.ConsumeIntegralInRange<int>(0, 15) != 0;
-    SetTracing(fdp.ConsumeIntegralInRange<int>(0, 7) == 0);
+    const bool bTracing = fdp.ConsumeIntegralInRange<int>(0, 7) == 0;
     const std::string section = TakeText(fdp, 100);
     const std::string key = TakeText(fdp, 100);
     const std::string file = bFilePresent ? fdp.ConsumeRemainingBytesAsString() : std::string();
-    PlaceFile(scratch, bFilePresent, file);
     const char *f = scratch.file.c_str();
+    auto deletion = [&] {
+        return iDeletion == 0   ? CfgFile_DeleteSections(f, section.c_str())
+               : iDeletion == 1 ? CfgFile_DeleteKey(f, section.c_str(), key.c_str())
+                                : CfgFile_DeleteAllSectionKeys(f, section.c_str());
+    };
+    CheckBothWays(scratch, bFilePresent, file, [&] { return std::to_string(deletion()); });
+    SetTracing(bTracing);
+    PlaceFile(scratch, bFilePresent, file);
 
-    const int iResult = iDeletion == 0   ? CfgFile_DeleteSections(f, section.c_str())
-                        : iDeletion == 1 ? CfgFile_DeleteKey(f, section.c_str(), key.c_str())
-                                         : CfgFile_DeleteAllSectionKeys(f, section.c_str());
+    const int iResult = deletion();
     FUZZ_CHECK(iResult == CFGFILE_SUCCESS && !scratch.CompanionsLeft());
     // A missing file has nothing to remove, and is not created.
     std::string after;

@@ -15,12 +15,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
     FuzzedDataProvider fdp(pData, nSize);
     const size_t nCapacity = fdp.ConsumeIntegralInRange<size_t>(0, 600);
     const bool bFilePresent = fdp.ConsumeIntegralInRange<int>(0, 15) != 0;
-    SetTracing(fdp.ConsumeIntegralInRange<int>(0, 7) == 0);
+    const bool bTracing = fdp.ConsumeIntegralInRange<int>(0, 7) == 0;
     const std::string prefix = TakeText(fdp, 100);
     const std::string file = bFilePresent ? fdp.ConsumeRemainingBytesAsString() : std::string();
-    PlaceFile(scratch, bFilePresent, file);
     const char *f = scratch.file.c_str();
     const char *p = prefix.c_str();
+    CheckBothWays(scratch, bFilePresent, file, [&] {
+        GuardedBuffer names(nCapacity);
+        size_t nNamesSize = nCapacity;
+        unsigned int nNames = 0;
+        const int iResult = CfgFile_EnumerateSections(f, p, names.Data(), &nNamesSize, &nNames);
+        return std::to_string(iResult) + "/" + std::to_string(nNamesSize) + "/" +
+               std::to_string(nNames) + "/" + names.bytes;
+    });
+    SetTracing(bTracing);
 
     size_t nNeeded = 0;
     unsigned int nCount = 0;

@@ -27,16 +27,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
     FuzzedDataProvider fdp(pData, nSize);
     const size_t nCapacity = fdp.ConsumeIntegralInRange<size_t>(1, 300);
     const bool bFilePresent = fdp.ConsumeIntegralInRange<int>(0, 15) != 0;
-    SetTracing(fdp.ConsumeIntegralInRange<int>(0, 7) == 0);
+    const bool bTracing = fdp.ConsumeIntegralInRange<int>(0, 7) == 0;
     const int64_t nDefault = fdp.ConsumeIntegral<int64_t>();
     const std::string section = TakeText(fdp, 100);
     const std::string key = TakeText(fdp, 100);
     const std::string defaultValue = TakeText(fdp, 300);
     const std::string file = bFilePresent ? fdp.ConsumeRemainingBytesAsString() : std::string();
-    PlaceFile(scratch, bFilePresent, file);
     const char *f = scratch.file.c_str();
     const char *s = section.c_str();
     const char *k = key.c_str();
+    CheckBothWays(scratch, bFilePresent, file, [&] {
+        GuardedBuffer value(nCapacity);
+        size_t nValueSize = nCapacity;
+        const int iResult =
+            CfgFile_GetStringValue(f, s, k, value.Data(), &nValueSize, defaultValue.c_str());
+        return std::to_string(iResult) + "/" + std::to_string(nValueSize) + "/" + value.bytes;
+    });
+    SetTracing(bTracing);
 
     GuardedBuffer buffer(nCapacity);
     size_t nValueSize = nCapacity;

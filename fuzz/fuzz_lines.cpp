@@ -18,15 +18,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
     const int iOperation = fdp.ConsumeIntegralInRange<int>(0, 2);
     const size_t nCapacity = fdp.ConsumeIntegralInRange<size_t>(2, 300);
     const bool bFilePresent = fdp.ConsumeIntegralInRange<int>(0, 15) != 0;
-    SetTracing(fdp.ConsumeIntegralInRange<int>(0, 7) == 0);
+    const bool bTracing = fdp.ConsumeIntegralInRange<int>(0, 7) == 0;
     const std::string prefix = TakeText(fdp, 100);
     const std::string file = bFilePresent ? fdp.ConsumeRemainingBytesAsString() : std::string();
     // The search refuses an empty prefix by ending the process.
     if (iOperation == 0 && prefix.empty())
         return 0;
-    PlaceFile(scratch, bFilePresent, file);
     const char *f = scratch.file.c_str();
     const Lines before = SplitLines(file);
+    CheckBothWays(scratch, bFilePresent, file, [&] {
+        if (iOperation != 0)
+            return std::to_string(iOperation == 1
+                                      ? CfgFile_CommentLineStartingWith(f, prefix.c_str())
+                                      : CfgFile_DeleteLineStartingWith(f, prefix.c_str()));
+        GuardedBuffer line(nCapacity);
+        size_t nFound = nCapacity;
+        const int iResult = CfgFile_FindLineStartingWith(f, prefix.c_str(), line.Data(), &nFound);
+        return std::to_string(iResult) + "/" + std::to_string(nFound) + "/" +
+               (iResult == CFGFILE_SUCCESS ? std::string(line.Data(), nFound) : "");
+    });
+    SetTracing(bTracing);
+    PlaceFile(scratch, bFilePresent, file);
 
     if (iOperation == 0) {
         GuardedBuffer buffer(nCapacity);

@@ -74,7 +74,9 @@ struct Scratch {
     }
 };
 
-// Tracing at the most detailed level runs every trace statement's arguments.
+// Tracing at the most detailed level runs every trace statement's arguments,
+// and has the library read every line; without it, lines that cannot matter
+// pass unread.
 inline void SetTracing(bool bOn) {
     DbgSetChannelLevel("CFGFILELIB", bOn ? 8 : -1);
 }
@@ -103,6 +105,23 @@ inline bool ReadBytes(const char *szPath, std::string &bytes) {
         bytes.append(block, size_t(nRead));
     close(fd);
     return true;
+}
+
+// Runs an operation on the input's file twice, reading every line and
+// letting lines pass unread: both must give the same outcome (what the
+// operation returns: its result and output) and leave the same file. The
+// tracing is off afterwards.
+template <class Operation>
+void CheckBothWays(const Scratch &scratch, bool bPresent, std::string_view bytes,
+                   Operation operation) {
+    std::string outcomes[2], files[2];
+    for (int iWay = 0; iWay < 2; ++iWay) {
+        PlaceFile(scratch, bPresent, bytes);
+        SetTracing(iWay == 0);
+        outcomes[iWay] = operation();
+        outcomes[iWay] += ReadBytes(scratch.file.c_str(), files[iWay]) ? "+" : "-";
+    }
+    FUZZ_CHECK(outcomes[0] == outcomes[1] && files[0] == files[1]);
 }
 
 // A text of the input as the library sees it: up to its first NUL.

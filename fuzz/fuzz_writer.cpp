@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
     FuzzedDataProvider fdp(pData, nSize);
     const int iSetter = fdp.ConsumeIntegralInRange<int>(0, 4);
     const bool bFilePresent = fdp.ConsumeIntegralInRange<int>(0, 15) != 0;
-    SetTracing(fdp.ConsumeIntegralInRange<int>(0, 7) == 0);
+    const bool bTracing = fdp.ConsumeIntegralInRange<int>(0, 7) == 0;
     const int64_t nNumber = fdp.ConsumeIntegral<int64_t>();
     const int nPrecision = fdp.ConsumeIntegralInRange<int>(-2, 40);
     const std::string section = TakeText(fdp, 100);
@@ -46,10 +46,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t nSize) {
     TakeText(fdp, 100);
     std::string value = TakeText(fdp, 300);
     const std::string file = bFilePresent ? fdp.ConsumeRemainingBytesAsString() : std::string();
-    PlaceFile(scratch, bFilePresent, file);
     const char *f = scratch.file.c_str();
     const char *s = section.c_str();
     const char *k = key.c_str();
+    // Every setter writes through the string setter's writer.
+    CheckBothWays(scratch, bFilePresent, file,
+                  [&] { return std::to_string(CfgFile_SetStringValue(f, s, k, value.c_str())); });
+    SetTracing(bTracing);
+    PlaceFile(scratch, bFilePresent, file);
 
     int iResult = CFGFILE_FAILURE;
     if (iSetter == 0) {
