@@ -433,7 +433,8 @@ class LineReader {
     // and returns them; empty when the next line needs a look. A line longer
     // than nCapacity - 1 bytes is never passed (it is read in pieces, and each
     // piece counts as a line), nor is any line of a block holding NUL bytes.
-    std::string_view PassLines(const LineFilter &lineFilter, size_t nCapacity) {
+    __attribute__((noinline)) std::string_view PassLines(const LineFilter &lineFilter,
+                                                         size_t nCapacity) {
         Unterminate();
         if (!m_bAtLineStart || nCapacity < 2 || !HaveBlock() || m_bBlockHoldsNul)
             return {};
@@ -607,7 +608,7 @@ class OutputFile {
 
     FILE *Stream() const { return m_fp; }
 
-    bool Write(const char *pcData, size_t nLength) {
+    __attribute__((noinline)) bool Write(const char *pcData, size_t nLength) {
         return WritePending() && WriteNow(pcData, nLength);
     }
 
@@ -1398,9 +1399,36 @@ int SwapIn(const char *szFunction, const RewriteNames &names) {
     return CFGFILE_SUCCESS;
 }
 
-// Rewrites names.szTarget through the temporary and backup files.
-template <size_t N, class Operation>
-RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, Operation &op) {
+// What a rewrite calls back of its operation: the copy of the lines, the
+// text added after them, and whether anything changed.
+class RewriteSteps {
+  public:
+    virtual int Copy(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
+                     OutputFile &tmp) = 0;
+    virtual bool Finish(OutputFile &tmp) = 0;
+    virtual bool Changed() const = 0;
+
+  protected:
+    ~RewriteSteps() = default;
+};
+
+template <size_t N, class Operation> class StepsOf final : public RewriteSteps {
+  public:
+    explicit StepsOf(Operation &op) : m_op(op) {}
+    int Copy(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
+             OutputFile &tmp) override {
+        return CopyLines<N>(rules, names, reader, tmp, m_op);
+    }
+    bool Finish(OutputFile &tmp) override { return m_op.Finish(tmp); }
+    bool Changed() const override { return m_op.Changed(); }
+
+  private:
+    Operation &m_op;
+};
+
+// Rewrites names.szTarget through the temporary and backup files. The
+// sequence is compiled once; only the operation's steps differ.
+RewriteResult RunRewrite(const RewriteRules &rules, const RewriteNames &names, RewriteSteps &op) {
     const char *szFunction = rules.szFunction;
     const char *szFileName = names.szTarget;
     FileDescriptor readFile(OpenForReading(szFileName));
@@ -1424,7 +1452,7 @@ RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, 
     char block[kRewriteBlockSize + 1];
     LineReader reader(readFile.Get(), block);
     reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
-    int iRetCode = CopyLines<N>(rules, names, reader, tmp, op);
+    int iRetCode = op.Copy(rules, names, reader, tmp);
     if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
         iRetCode = CFGFILE_FAILURE;
     const bool bSwap =
@@ -1455,6 +1483,13 @@ RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, 
         return {true, true, 0, iRetCode};
     }
     return {true, true, 0, SwapIn(szFunction, names)};
+}
+
+// Rewrites the file with an operation that reads lines of up to N - 1 bytes.
+template <size_t N, class Operation>
+RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, Operation &op) {
+    StepsOf<N, Operation> steps(op);
+    return RunRewrite(rules, names, steps);
 }
 
 // ------------------------------------------------------------ the writer
