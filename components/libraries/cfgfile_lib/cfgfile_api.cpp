@@ -189,7 +189,7 @@ struct LineFilter {
     bool bSectionName;       // follow is a section name: after blanks, in any letter case
     bool bShortLines;        // the writer's look: short lines and section lines
     bool bPairs;             // (writer) an empty line and a section line after it may pass
-    bool bLeaveOut;
+    bool bLeaveOut;          // a rewrite leaves the lines passed out instead of copying them
 };
 
 constexpr LineFilter kLookAtEveryLine{false, 0, {}, false, false, false, false};
