@@ -54,7 +54,7 @@ constexpr char kSourceFile[] = "cfgfile_api.cpp";
 // one comparison, and no argument (errno text, ...) is worked out for nothing.
 #define CFG_TRACE_AS(szFunction, nLevel, ...)                                                      \
     do {                                                                                           \
-        if (_g_hCfgFileLibDbg != nullptr && _g_hCfgFileLibDbg->nMaxLevel >= (nLevel))              \
+        if (TraceOn(nLevel))                                                                       \
             _DoDbgPrintEx(_g_hCfgFileLibDbg, (nLevel), (szFunction), kSourceFile, __LINE__,        \
                           __VA_ARGS__);                                                            \
     } while (0)
