@@ -160,19 +160,28 @@ class FileDescriptor {
     int m_fd;
 };
 
+// Opens a file for reading; a FIFO planted at the name cannot block the open.
+int OpenFile(const char *szFileName) {
+    return Sys([&] { return open(szFileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK); }, -1);
+}
+
+// 0 when fd is a regular file; else why not: EISDIR, EINVAL or fstat's errno.
+int IrregularFileErrno(int fd) {
+    struct stat st;
+    if (fstat(fd, &st) != 0)
+        return errno;
+    if (S_ISREG(st.st_mode))
+        return 0;
+    return S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+}
+
 // Opens a regular file for reading. A directory, FIFO or device is refused
-// (errno EISDIR or EINVAL) before anything reads from it, so a FIFO planted
-// at the file's name cannot block the caller.
+// before anything reads from it.
 int OpenForReading(const char *szFileName) {
-    int fd = Sys([&] { return open(szFileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK); }, -1);
+    const int fd = OpenFile(szFileName);
     if (fd < 0)
         return -1;
-    struct stat st;
-    int nErr = 0;
-    if (fstat(fd, &st) != 0)
-        nErr = errno;
-    else if (!S_ISREG(st.st_mode))
-        nErr = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    const int nErr = IrregularFileErrno(fd);
     if (nErr == 0)
         return fd;
     close(fd);
@@ -366,6 +375,24 @@ class LineReader {
     LineReader(int fd, std::span<char> block)
         : m_fd(fd), m_block(block.data()), m_nBlockSize(block.size() - 1) {}
 
+    // Reads the first block of a file opened for a lookup, and refuses what
+    // is not a regular file (false, errno set): a FIFO, socket or terminal
+    // cannot be read at an offset (ESPIPE), a directory not at all (EISDIR).
+    // A device (EINVAL) is told by its type, looked up only when the first
+    // read fills the block or finds nothing: a regular file that fits in one
+    // block never needs the look.
+    bool Start() {
+        Refill();
+        if (m_bFailed) {
+            errno = m_nErrno;
+            return false;
+        }
+        if (m_nEnd != 0 && m_nEnd != m_nBlockSize)
+            return true;
+        errno = IrregularFileErrno(m_fd);
+        return errno == 0;
+    }
+
     // Reads up to nCapacity - 1 bytes, stopping after a line feed, and hands
     // them out terminated in *pszLine: in the block, or copied into szSpill
     // (nCapacity bytes) when they span two blocks; *pnLength is their number.
@@ -461,7 +488,7 @@ class LineReader {
         m_nPos = m_nEnd;
         while (!m_bAtEnd) {
             const ssize_t nCopied =
-                Sys([&] { return copy_file_range(m_fd, nullptr, fdOut, nullptr, kMaxCopy, 0); },
+                Sys([&] { return copy_file_range(m_fd, &m_nOffset, fdOut, nullptr, kMaxCopy, 0); },
                     ssize_t(-1));
             if (nCopied < 0 && errno != EINTR)
                 return false;
@@ -529,13 +556,17 @@ class LineReader {
         m_nEnd = 0;
         if (m_bFailed || m_bAtEnd)
             return false;
+        // Read at an offset of its own: what cannot be read so is no file.
         ssize_t nRead;
         do {
-            nRead = Sys([&] { return read(m_fd, m_block, m_nBlockSize); }, ssize_t(-1));
+            nRead = Sys([&] { return pread(m_fd, m_block, m_nBlockSize, m_nOffset); }, ssize_t(-1));
         } while (nRead < 0 && errno == EINTR);
-        if (nRead < 0)
+        if (nRead < 0) {
             m_bFailed = true;
+            m_nErrno = errno;
+        }
         m_bAtEnd = nRead == 0;
+        m_nOffset += nRead > 0 ? nRead : 0;
         m_nEnd = nRead > 0 ? static_cast<size_t>(nRead) : 0;
         m_bBlockHoldsNul = memchr(m_block, '\0', m_nEnd) != nullptr;
         return m_nEnd > 0;
@@ -545,6 +576,8 @@ class LineReader {
     int m_fd;
     char *m_block;
     size_t m_nBlockSize;
+    off64_t m_nOffset = 0; // of the next read in the file
+    int m_nErrno = 0;      // of a failed read
     size_t m_nPos = 0;
     size_t m_nEnd = 0;
     bool m_bFailed = false;
@@ -869,8 +902,10 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     char szSectionBuffer[kNameBufferSize];
     char szKeyNameBuffer[kNameBufferSize];
 
-    FileDescriptor file(OpenForReading(szFileName));
-    if (!file.IsOpen()) {
+    FileDescriptor file(OpenFile(szFileName));
+    char block[kLookupBlockSize + 1];
+    LineReader reader(file.Get(), block);
+    if (!file.IsOpen() || !reader.Start()) {
         const int nErr = errno;
         CFG_TRACE(7, "Unable to open \"%s\", errno (%d): \"%s\".\n", szFileName, nErr,
                   strerror_r(nErr, szLineBuffer, sizeof(szLineBuffer)));
@@ -884,8 +919,6 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     // Outside the section only section lines matter; the others pass unread
     // while no trace counts them.
     const bool bPassLines = !TraceOn(kLineTraceLevel);
-    char block[kLookupBlockSize + 1];
-    LineReader reader(file.Get(), block);
     size_t nLineLength;
     char *szLine;
     for (;;) {
@@ -2000,15 +2033,15 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
     UINT nSectionsCopied = 0;
     char szLineBuffer[kShortLineBufferSize];
 
-    FileDescriptor file(OpenForReading(szFileName));
-    if (file.IsOpen()) {
+    FileDescriptor file(OpenFile(szFileName));
+    char block[kLookupBlockSize + 1];
+    LineReader reader(file.Get(), block);
+    if (file.IsOpen() && reader.Start()) {
         CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
         iRetCode = CFGFILE_SUCCESS;
         const size_t nPrefixLength = strlen(szSectionPrefix);
         // Lines that cannot be section lines pass unread while no trace counts them.
         const bool bPassLines = !TraceOn(kLineTraceLevel);
-        char block[kLookupBlockSize + 1];
-        LineReader reader(file.Get(), block);
         size_t nLineLength;
         char *szLine;
         for (;;) {
@@ -2058,18 +2091,18 @@ CFGFILE_API int CfgFile_FindLineStartingWith(const char *szFileName, const char 
     const size_t nPrefixLength = strlen(szPrefix);
     const size_t nBuffSize = *pnBuffSize;
 
-    FileDescriptor file(OpenForReading(szFileName));
-    if (!file.IsOpen())
+    FileDescriptor file(OpenFile(szFileName));
+    char block[kLookupBlockSize + 1];
+    LineReader reader(file.Get(), block);
+    if (!file.IsOpen() || !reader.Start())
         return iRetCode;
     CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
 
     // The caller's buffer is the line buffer. A buffer of 1 byte holds no
-    // line, and the reader then ends the scan at once.
-    // Lines that cannot begin with the prefix pass unread while no trace counts them.
+    // line, and the reader then ends the scan at once. Lines that cannot
+    // begin with the prefix pass unread while no trace counts them.
     const bool bPassLines = !TraceOn(kLineTraceLevel);
     const LineFilter prefixedLines = PrefixedLines(szPrefix);
-    char block[kLookupBlockSize + 1];
-    LineReader reader(file.Get(), block);
     bool bInsideLine = false; // the previous read ended inside a line
     size_t nLineLength;
     for (;;) {
