@@ -87,6 +87,23 @@ TEST_P(RewriteSafety, LinkedPathRewrittenAtTarget) {
     EXPECT_FALSE(Exists(data + "/device.tmp") || Exists(data + "/device.bak"));
 }
 
+// A link to nothing stays as it is, and nothing is created for it; a link
+// whose target's path leaves no room for the companion names is refused.
+TEST_P(RewriteSafety, DanglingOrOverlongLinkIsLeftAlone) {
+    const std::string missing = dir / "missing.ini";
+    ASSERT_EQ(0, symlink(missing.c_str(), file.c_str()));
+    Run();
+    EXPECT_TRUE(S_ISLNK(StatOf(file).st_mode));
+    EXPECT_FALSE(Exists(missing) || Exists(tmp) || Exists(bak));
+    const std::string deep = dir / std::string(220, 'd'), target = deep + "/device.ini";
+    ASSERT_EQ(0, mkdir(deep.c_str(), 0755));
+    WriteFile(target, kInput);
+    ASSERT_EQ(0, unlink(file.c_str()));
+    ASSERT_EQ(0, symlink(target.c_str(), file.c_str()));
+    EXPECT_EQ(CFGFILE_BAD_PARAMETERS, Run());
+    EXPECT_EQ(kInput, ReadFile(target));
+}
+
 // A directory or FIFO at the name is never read (a FIFO would block), never
 // replaced, and nothing is created beside it.
 TEST_P(RewriteSafety, NonRegularFileAtNameIsLeftAlone) {

@@ -161,8 +161,9 @@ class FileDescriptor {
 };
 
 // Opens a file for reading; a FIFO planted at the name cannot block the open.
-int OpenFile(const char *szFileName) {
-    return Sys([&] { return open(szFileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK); }, -1);
+// nFlags: more open flags (O_NOFOLLOW).
+int OpenFile(const char *szFileName, int nFlags = 0) {
+    return Sys([&] { return open(szFileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK | nFlags); }, -1);
 }
 
 // 0 when fd is a regular file; else why not: EISDIR, EINVAL or fstat's errno.
@@ -177,8 +178,8 @@ int IrregularFileErrno(int fd) {
 
 // Opens a regular file for reading. A directory, FIFO or device is refused
 // before anything reads from it.
-int OpenForReading(const char *szFileName) {
-    const int fd = OpenFile(szFileName);
+int OpenForReading(const char *szFileName, int nFlags = 0) {
+    const int fd = OpenFile(szFileName, nFlags);
     if (fd < 0)
         return -1;
     const int nErr = IrregularFileErrno(fd);
@@ -548,28 +549,38 @@ class LineReader {
 
     bool HaveBlock() { return m_nPos < m_nEnd || Refill(); }
 
+    // Reads on: after what the block holds while it has room, so that text
+    // handed out or waiting to be written stays where it is; when it is
+    // full, from its start, once the hook has written out what waited.
     bool Refill() {
-        if (m_pfnRefillHook != nullptr)
-            m_pfnRefillHook(m_pRefillContext);
         m_bTerminated = false;
-        m_nPos = 0;
-        m_nEnd = 0;
         if (m_bFailed || m_bAtEnd)
             return false;
+        if (m_nEnd == m_nBlockSize) {
+            if (m_pfnRefillHook != nullptr)
+                m_pfnRefillHook(m_pRefillContext);
+            m_nPos = 0;
+            m_nEnd = 0;
+            m_bBlockHoldsNul = false;
+        }
         // Read at an offset of its own: what cannot be read so is no file.
+        char *pcRoom = m_block + m_nEnd;
+        const size_t nRoom = m_nBlockSize - m_nEnd;
         ssize_t nRead;
         do {
-            nRead = Sys([&] { return pread(m_fd, m_block, m_nBlockSize, m_nOffset); }, ssize_t(-1));
+            nRead = Sys([&] { return pread(m_fd, pcRoom, nRoom, m_nOffset); }, ssize_t(-1));
         } while (nRead < 0 && errno == EINTR);
         if (nRead < 0) {
             m_bFailed = true;
             m_nErrno = errno;
         }
         m_bAtEnd = nRead == 0;
-        m_nOffset += nRead > 0 ? nRead : 0;
-        m_nEnd = nRead > 0 ? static_cast<size_t>(nRead) : 0;
-        m_bBlockHoldsNul = memchr(m_block, '\0', m_nEnd) != nullptr;
-        return m_nEnd > 0;
+        if (nRead <= 0)
+            return false;
+        m_nOffset += nRead;
+        m_nEnd += static_cast<size_t>(nRead);
+        m_bBlockHoldsNul = m_bBlockHoldsNul || memchr(pcRoom, '\0', nRead) != nullptr;
+        return true;
     }
 
     static constexpr size_t kMaxCopy = size_t(1) << 30;
@@ -769,20 +780,6 @@ bool SyncDirectoryOf(const char *szPath) {
     if (!dir.IsOpen())
         return false;
     return Sys([&] { return fsync(dir.Get()); }, -1) == 0;
-}
-
-// The path a rewrite works on: the file itself, or the target of a symbolic
-// link, so that the link stays a link and the companion files lie beside the
-// target, on its file system. False when the target's path is too long.
-bool ResolveRewriteTarget(const char *szFileName, char (&szTarget)[kPathBufferSize]) {
-    struct stat st;
-    if (lstat(szFileName, &st) != 0 || !S_ISLNK(st.st_mode))
-        return CopyString(szTarget, szFileName, sizeof(szTarget)) != 0;
-    char szResolved[PATH_MAX];
-    if (realpath(szFileName, szResolved) == nullptr) // dangling: work on the name itself
-        return CopyString(szTarget, szFileName, sizeof(szTarget)) != 0;
-    return strlen(szResolved) <= kMaxFileNameLength &&
-           CopyString(szTarget, szResolved, sizeof(szTarget)) != 0;
 }
 
 } // namespace
@@ -1279,15 +1276,11 @@ struct RewriteResult {
     int iRetCode; // the result, when the file was opened
 };
 
-// Checks the name and builds the names of the temporary and backup files.
-int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames &names) {
-    if (szFileName == nullptr || strlen(szFileName) > kMaxFileNameLength ||
-        !ResolveRewriteTarget(szFileName, names.szTarget)) {
-        CFG_TRACE_AS(szFunction, 7, "filename is invalid.\n");
-        return CFGFILE_BAD_PARAMETERS;
-    }
-    CopyString(names.szBackupFileName, names.szTarget, sizeof(names.szBackupFileName));
-    CopyString(names.szTmpFileName, names.szTarget, sizeof(names.szTmpFileName));
+// Names the file szPath and its temporary and backup files.
+void NameRewrite(const char *szFunction, const char *szPath, RewriteNames &names) {
+    CopyString(names.szTarget, szPath, sizeof(names.szTarget));
+    CopyString(names.szBackupFileName, szPath, sizeof(names.szBackupFileName));
+    CopyString(names.szTmpFileName, szPath, sizeof(names.szTmpFileName));
     if (!StringReplaceAddSuffix(names.szBackupFileName, sizeof(names.szBackupFileName), '.', "bak"))
         _DoAssert(
             "StringReplaceAddSuffix(szBackupFileName, sizeof(szBackupFileName), '.', \"bak\")",
@@ -1295,7 +1288,37 @@ int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames 
     if (!StringReplaceAddSuffix(names.szTmpFileName, sizeof(names.szTmpFileName), '.', "tmp"))
         _DoAssert("StringReplaceAddSuffix(szTmpFileName, sizeof(szTmpFileName), '.', \"tmp\")",
                   szFunction, kSourceFile, __LINE__);
+}
+
+// Checks the name and builds the names of the temporary and backup files.
+int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames &names) {
+    if (szFileName == nullptr || strlen(szFileName) > kMaxFileNameLength) {
+        CFG_TRACE_AS(szFunction, 7, "filename is invalid.\n");
+        return CFGFILE_BAD_PARAMETERS;
+    }
+    NameRewrite(szFunction, szFileName, names);
     return CFGFILE_SUCCESS;
+}
+
+// Returned by OpenRewriteTarget for a link whose target's path is too long.
+constexpr int kTargetTooLong = -2;
+
+// Opens the file a rewrite works on: the name itself, or the target of a
+// symbolic link there, which then names the companion files too, so that
+// the link stays a link and they lie on the target's file system. The link
+// is told by the open itself (O_NOFOLLOW fails on it with ELOOP). -1 with
+// errno when the file cannot be opened for reading.
+__attribute__((noinline)) int OpenRewriteTarget(const char *szFunction, RewriteNames &names) {
+    const int fd = OpenForReading(names.szTarget, O_NOFOLLOW);
+    if (fd >= 0 || errno != ELOOP)
+        return fd;
+    char szResolved[PATH_MAX];
+    if (realpath(names.szTarget, szResolved) != nullptr) { // else dangling: the name itself
+        if (strlen(szResolved) > kMaxFileNameLength)
+            return kTargetTooLong;
+        NameRewrite(szFunction, szResolved, names);
+    }
+    return OpenForReading(names.szTarget);
 }
 
 // Copies a read unchanged. A read handed out in the reader's block joins the
@@ -1459,14 +1482,13 @@ template <size_t N, class Operation> class StepsOf final : public RewriteSteps {
     Operation &m_op;
 };
 
-// Rewrites names.szTarget through the temporary and backup files. The
-// sequence is compiled once; only the operation's steps differ.
-RewriteResult RunRewrite(const RewriteRules &rules, const RewriteNames &names, RewriteSteps &op) {
+// Rewrites names.szTarget, open for reading as fd, through the temporary
+// and backup files.
+__attribute__((noinline)) RewriteResult
+CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, RewriteSteps &op) {
     const char *szFunction = rules.szFunction;
     const char *szFileName = names.szTarget;
-    FileDescriptor readFile(OpenForReading(szFileName));
-    if (!readFile.IsOpen())
-        return {false, false, errno, CFGFILE_FAILURE};
+    FileDescriptor readFile(fd);
     CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", szFileName);
 
     // Private (0600) until it has the file's mode and owner.
@@ -1518,9 +1540,22 @@ RewriteResult RunRewrite(const RewriteRules &rules, const RewriteNames &names, R
     return {true, true, 0, SwapIn(szFunction, names)};
 }
 
+// Rewrites the file named in names (retargeted to a link's target). The
+// sequence is compiled once; only the operation's steps differ.
+RewriteResult RunRewrite(const RewriteRules &rules, RewriteNames &names, RewriteSteps &op) {
+    const int fd = OpenRewriteTarget(rules.szFunction, names);
+    if (fd == kTargetTooLong) {
+        CFG_TRACE_AS(rules.szFunction, 7, "filename is invalid.\n");
+        return {true, false, 0, CFGFILE_BAD_PARAMETERS};
+    }
+    if (fd < 0)
+        return {false, false, errno, CFGFILE_FAILURE};
+    return CopyAndSwap(rules, names, fd, op);
+}
+
 // Rewrites the file with an operation that reads lines of up to N - 1 bytes.
 template <size_t N, class Operation>
-RewriteResult RewriteFile(const RewriteRules &rules, const RewriteNames &names, Operation &op) {
+RewriteResult RewriteFile(const RewriteRules &rules, RewriteNames &names, Operation &op) {
     StepsOf<N, Operation> steps(op);
     return RunRewrite(rules, names, steps);
 }
