@@ -379,16 +379,17 @@ class LineReader {
     // Reads the first block of a file opened for a lookup, and refuses what
     // is not a regular file (false, errno set): a FIFO, socket or terminal
     // cannot be read at an offset (ESPIPE), a directory not at all (EISDIR).
-    // A device (EINVAL) is told by its type, looked up only when the first
-    // read fills the block or finds nothing: a regular file that fits in one
-    // block never needs the look.
+    // A device (EINVAL) is told by its type, looked up when the first read
+    // fills the block or finds nothing, or when a read finds more after a
+    // short one: a regular file that fits in one block never needs the look.
+    // Any other read error ends the file, as its end does.
     bool Start() {
-        Refill();
-        if (m_bFailed) {
+        if (!Refill() && m_bFailed && (m_nErrno == ESPIPE || m_nErrno == EISDIR)) {
             errno = m_nErrno;
             return false;
         }
-        if (m_nEnd != 0 && m_nEnd != m_nBlockSize)
+        m_bCheckTypeOnMore = m_nEnd != 0 && m_nEnd != m_nBlockSize;
+        if (m_bCheckTypeOnMore || m_bFailed)
             return true;
         errno = IrregularFileErrno(m_fd);
         return errno == 0;
@@ -577,6 +578,14 @@ class LineReader {
         m_bAtEnd = nRead == 0;
         if (nRead <= 0)
             return false;
+        // More after a short first read: a regular file that grew, or a device.
+        if (m_bCheckTypeOnMore) {
+            m_bCheckTypeOnMore = false;
+            if ((m_nErrno = IrregularFileErrno(m_fd)) != 0) {
+                m_bFailed = true;
+                return false;
+            }
+        }
         m_nOffset += nRead;
         m_nEnd += static_cast<size_t>(nRead);
         m_bBlockHoldsNul = m_bBlockHoldsNul || memchr(pcRoom, '\0', nRead) != nullptr;
@@ -589,6 +598,7 @@ class LineReader {
     size_t m_nBlockSize;
     off64_t m_nOffset = 0; // of the next read in the file
     int m_nErrno = 0;      // of a failed read
+    bool m_bCheckTypeOnMore = false;
     size_t m_nPos = 0;
     size_t m_nEnd = 0;
     bool m_bFailed = false;
