@@ -104,14 +104,17 @@ TEST_P(RewriteSafety, DanglingOrOverlongLinkIsLeftAlone) {
     EXPECT_EQ(kInput, ReadFile(target));
 }
 
-// A directory or FIFO at the name is never read (a FIFO would block), never
+// A directory or FIFO at the name is never read (a FIFO would block), a
+// device (here through links) is found out at its first read; none is
 // replaced, and nothing is created beside it.
 TEST_P(RewriteSafety, NonRegularFileAtNameIsLeftAlone) {
-    const std::string fifo = dir / "pipe.ini";
+    const std::string fifo = dir / "pipe.ini", zero = dir / "zero.ini", null = dir / "null.ini";
     ASSERT_EQ(0, mkdir(file.c_str(), 0755));
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
+    ASSERT_EQ(0, symlink("/dev/zero", zero.c_str()));
+    ASSERT_EQ(0, symlink("/dev/null", null.c_str()));
     alarm(20);
-    for (const std::string &path : {file, fifo}) {
+    for (const std::string &path : {file, fifo, zero, null}) {
         GetParam().run(path.c_str());
         int nValue = 0;
         EXPECT_EQ(CFGFILE_FILE_ACCESS,
@@ -119,8 +122,11 @@ TEST_P(RewriteSafety, NonRegularFileAtNameIsLeftAlone) {
     }
     alarm(0);
     EXPECT_TRUE(S_ISDIR(StatOf(file).st_mode) && S_ISFIFO(StatOf(fifo).st_mode));
+    EXPECT_TRUE(S_ISCHR(StatOf("/dev/zero").st_mode) && S_ISCHR(StatOf("/dev/null").st_mode));
     for (const char *szLeftover : {"device.tmp", "device.bak", "pipe.tmp", "pipe.bak"})
         EXPECT_FALSE(Exists(dir / szLeftover)) << szLeftover;
+    for (const char *szLeftover : {"/dev/zero.tmp", "/dev/zero.bak", "/dev/null.tmp"})
+        EXPECT_FALSE(Exists(szLeftover)) << szLeftover;
 }
 
 // As "nobody": a file it may not read is never replaced, and one it may not

@@ -176,20 +176,6 @@ int IrregularFileErrno(int fd) {
     return S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
 }
 
-// Opens a regular file for reading. A directory, FIFO or device is refused
-// before anything reads from it.
-int OpenForReading(const char *szFileName, int nFlags = 0) {
-    const int fd = OpenFile(szFileName, nFlags);
-    if (fd < 0)
-        return -1;
-    const int nErr = IrregularFileErrno(fd);
-    if (nErr == 0)
-        return fd;
-    close(fd);
-    errno = nErr;
-    return -1;
-}
-
 // Which lines of a block an operation must look at one by one. The others
 // may pass unread, as one run of text: kept, or left out when bLeaveOut.
 struct LineFilter {
@@ -200,6 +186,12 @@ struct LineFilter {
     bool bShortLines;        // the writer's look: short lines and section lines
     bool bPairs;             // (writer) an empty line and a section line after it may pass
     bool bLeaveOut;          // a rewrite leaves the lines passed out instead of copying them
+
+    // Whether lines holding NUL bytes may not pass. Such a line is never
+    // looked into, only copied whole; so passing it unread is the same unless
+    // the passed lines are left out, or the writer's empty line would pass
+    // with it while the writer on its own would drop the empty line.
+    constexpr bool StopsAtNul() const { return bLeaveOut || bPairs; }
 };
 
 constexpr LineFilter kLookAtEveryLine{false, 0, {}, false, false, false, false};
@@ -214,23 +206,28 @@ constexpr LineFilter PrefixedLines(std::string_view prefix) {
     return {true, prefix[0], {prefix.data() + 1, prefix.size() - 1}, false, false, false, false};
 }
 
-// Whether two bytes are the same letter to strcasecmp. ASCII is settled
-// here; other bytes follow the locale's tolower, as strcasecmp does.
+// Whether two bytes of which one lies outside ASCII are the same letter to
+// the locale's tolower, as strcasecmp takes them. Kept out of line, so that
+// the common case below needs no call.
+__attribute__((noinline)) bool SameLocaleLetter(unsigned char c1, unsigned char c2) {
+    return tolower(c1) == tolower(c2);
+}
+
+// Whether two bytes are the same letter to strcasecmp.
 inline bool SameLetter(unsigned char c1, unsigned char c2) {
     if (c1 == c2)
         return true;
-    if ((c1 | c2) < 0x80) {
-        const unsigned char cLower = c1 | 0x20;
-        return (c1 ^ c2) == 0x20 && cLower >= 'a' && cLower <= 'z';
-    }
-    return tolower(c1) == tolower(c2);
+    if ((c1 | c2) >= 0x80)
+        return SameLocaleLetter(c1, c2);
+    const unsigned char cLower = c1 | 0x20;
+    return (c1 ^ c2) == 0x20 && cLower >= 'a' && cLower <= 'z';
 }
 
 // Whether the text at pc, in a line that ends in a line feed, may begin with
 // the filter's follow text. A section line's name is trimmed and compared
 // without regard to case (the locale's, like strcasecmp), so a name that
 // differs before the end of follow can never match it.
-bool MayFollow(const char *pc, const LineFilter &lineFilter) {
+inline bool MayFollow(const char *pc, const LineFilter &lineFilter) {
     if (lineFilter.bSectionName)
         while (*pc == ' ')
             ++pc;
@@ -249,18 +246,19 @@ bool MayFollow(const char *pc, const LineFilter &lineFilter) {
 // and follow mark; pcStop when there is none. pcStart is a line start and
 // pcStop - 1 a line feed.
 const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineFilter &lineFilter) {
+    const LineFilter filter = lineFilter; // kept in registers across memchr
     for (const char *pcFrom = pcStart; pcFrom < pcStop;) {
         const char *pcHit =
-            static_cast<const char *>(memchr(pcFrom, lineFilter.cFirst, pcStop - pcFrom));
+            static_cast<const char *>(memchr(pcFrom, filter.cFirst, pcStop - pcFrom));
         if (pcHit == nullptr)
             break;
         pcFrom = pcHit + 1;
+        if (!MayFollow(pcHit + 1, filter))
+            continue; // the cheaper test first: most hits fail it
         const char *pcLine = pcHit;
         while (pcLine > pcStart && pcLine[-1] == ' ')
             --pcLine;
-        if (pcLine != pcStart && pcLine[-1] != '\n')
-            continue; // inside a line
-        if (MayFollow(pcHit + 1, lineFilter))
+        if (pcLine == pcStart || pcLine[-1] == '\n')
             return pcLine;
     }
     return pcStop;
@@ -376,24 +374,28 @@ class LineReader {
     LineReader(int fd, std::span<char> block)
         : m_fd(fd), m_block(block.data()), m_nBlockSize(block.size() - 1) {}
 
-    // Reads the first block of a file opened for a lookup, and refuses what
-    // is not a regular file (false, errno set): a FIFO, socket or terminal
-    // cannot be read at an offset (ESPIPE), a directory not at all (EISDIR).
-    // A device (EINVAL) is told by its type, looked up when the first read
-    // fills the block or finds nothing, or when a read finds more after a
-    // short one: a regular file that fits in one block never needs the look.
-    // Any other read error ends the file, as its end does.
+    // Reads the first block of a file, and refuses what is not a regular
+    // file (false, errno set): a FIFO, socket or terminal cannot be read at an
+    // offset (ESPIPE), a directory not at all (EISDIR). A device (EINVAL) is
+    // told by its type, looked up when the first read fills the block or
+    // finds nothing, or when a read finds more after a short one: a regular
+    // file that fits in one block never needs the look. A read error other
+    // than these is the reader's failure (Failed()), not a refusal.
     bool Start() {
         if (!Refill() && m_bFailed && (m_nErrno == ESPIPE || m_nErrno == EISDIR)) {
             errno = m_nErrno;
             return false;
         }
         m_bCheckTypeOnMore = m_nEnd != 0 && m_nEnd != m_nBlockSize;
-        if (m_bCheckTypeOnMore || m_bFailed)
+        if (m_bCheckTypeOnMore || m_bFailed || CheckType())
             return true;
-        errno = IrregularFileErrno(m_fd);
-        return errno == 0;
+        errno = m_nErrno;
+        return false;
     }
+
+    // Whether the file is a regular file, looked up unless already known.
+    // A short file read to its end may not have needed the look in Start().
+    bool IsRegularFile() { return CheckType(); }
 
     // Reads up to nCapacity - 1 bytes, stopping after a line feed, and hands
     // them out terminated in *pszLine: in the block, or copied into szSpill
@@ -461,11 +463,13 @@ class LineReader {
     // lets through, up to the end of the block (read first when used up),
     // and returns them; empty when the next line needs a look. A line longer
     // than nCapacity - 1 bytes is never passed (it is read in pieces, and each
-    // piece counts as a line), nor is any line of a block holding NUL bytes.
+    // piece counts as a line), nor, when the filter says so, any line of a
+    // block holding NUL bytes.
     __attribute__((noinline)) std::string_view PassLines(const LineFilter &lineFilter,
                                                          size_t nCapacity) {
         Unterminate();
-        if (!m_bAtLineStart || nCapacity < 2 || !HaveBlock() || m_bBlockHoldsNul)
+        if (!m_bAtLineStart || nCapacity < 2 || !HaveBlock() ||
+            (lineFilter.StopsAtNul() && BlockHoldsNul()))
             return {};
         const char *pcStart = m_block + m_nPos;
         const char *pcEnd = m_block + m_nEnd;
@@ -494,6 +498,8 @@ class LineReader {
                     ssize_t(-1));
             if (nCopied < 0 && errno != EINTR)
                 return false;
+            // The kernel copies between regular files only (EINVAL otherwise).
+            m_bRegular = m_bRegular || nCopied >= 0;
             m_bAtEnd = nCopied == 0;
         }
         return true;
@@ -517,8 +523,8 @@ class LineReader {
     }
 
     // Whether the last read holds a NUL byte: such text is not a line of the format.
-    bool LastHoldsNul() const {
-        if (m_bLastInBlock && !m_bBlockHoldsNul)
+    bool LastHoldsNul() {
+        if (m_bLastInBlock && !BlockHoldsNul())
             return false;
         return memchr(m_pcLast, '\0', m_nLastLength) != nullptr;
     }
@@ -550,6 +556,26 @@ class LineReader {
 
     bool HaveBlock() { return m_nPos < m_nEnd || Refill(); }
 
+    // Looks up the file's type once it is needed; false, with m_nErrno, for
+    // anything but a regular file.
+    bool CheckType() {
+        if (!m_bRegular) {
+            m_nErrno = IrregularFileErrno(m_fd);
+            m_bRegular = m_nErrno == 0;
+        }
+        return m_bRegular;
+    }
+
+    // Whether the block holds a NUL byte. Each read is searched once, when
+    // first asked: a lookup that passes lines unread never asks.
+    bool BlockHoldsNul() {
+        if (m_nNulSearched < m_nEnd && !m_bBlockHoldsNul)
+            m_bBlockHoldsNul =
+                memchr(m_block + m_nNulSearched, '\0', m_nEnd - m_nNulSearched) != nullptr;
+        m_nNulSearched = m_nEnd;
+        return m_bBlockHoldsNul;
+    }
+
     // Reads on: after what the block holds while it has room, so that text
     // handed out or waiting to be written stays where it is; when it is
     // full, from its start, once the hook has written out what waited.
@@ -562,6 +588,7 @@ class LineReader {
                 m_pfnRefillHook(m_pRefillContext);
             m_nPos = 0;
             m_nEnd = 0;
+            m_nNulSearched = 0;
             m_bBlockHoldsNul = false;
         }
         // Read at an offset of its own: what cannot be read so is no file.
@@ -581,14 +608,13 @@ class LineReader {
         // More after a short first read: a regular file that grew, or a device.
         if (m_bCheckTypeOnMore) {
             m_bCheckTypeOnMore = false;
-            if ((m_nErrno = IrregularFileErrno(m_fd)) != 0) {
+            if (!CheckType()) {
                 m_bFailed = true;
                 return false;
             }
         }
         m_nOffset += nRead;
         m_nEnd += static_cast<size_t>(nRead);
-        m_bBlockHoldsNul = m_bBlockHoldsNul || memchr(pcRoom, '\0', nRead) != nullptr;
         return true;
     }
 
@@ -599,11 +625,13 @@ class LineReader {
     off64_t m_nOffset = 0; // of the next read in the file
     int m_nErrno = 0;      // of a failed read
     bool m_bCheckTypeOnMore = false;
+    bool m_bRegular = false; // known to be a regular file
     size_t m_nPos = 0;
     size_t m_nEnd = 0;
     bool m_bFailed = false;
     bool m_bAtEnd = false;
     bool m_bAtLineStart = true; // the last read ended with a line feed
+    size_t m_nNulSearched = 0;  // bytes of the block searched for NUL
     bool m_bBlockHoldsNul = false;
     bool m_bTerminated = false;
     char m_cTerminated = 0;
@@ -1319,7 +1347,7 @@ constexpr int kTargetTooLong = -2;
 // is told by the open itself (O_NOFOLLOW fails on it with ELOOP). -1 with
 // errno when the file cannot be opened for reading.
 __attribute__((noinline)) int OpenRewriteTarget(const char *szFunction, RewriteNames &names) {
-    const int fd = OpenForReading(names.szTarget, O_NOFOLLOW);
+    const int fd = OpenFile(names.szTarget, O_NOFOLLOW);
     if (fd >= 0 || errno != ELOOP)
         return fd;
     char szResolved[PATH_MAX];
@@ -1328,7 +1356,7 @@ __attribute__((noinline)) int OpenRewriteTarget(const char *szFunction, RewriteN
             return kTargetTooLong;
         NameRewrite(szFunction, szResolved, names);
     }
-    return OpenForReading(names.szTarget);
+    return OpenFile(names.szTarget);
 }
 
 // Copies a read unchanged. A read handed out in the reader's block joins the
@@ -1499,6 +1527,15 @@ CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, Rewrit
     const char *szFunction = rules.szFunction;
     const char *szFileName = names.szTarget;
     FileDescriptor readFile(fd);
+    // The block outlives the temporary file: text of it may wait there until the commit.
+    char block[kRewriteBlockSize + 1];
+    LineReader reader(readFile.Get(), block);
+    // What is no regular file counts as a file that cannot be opened for
+    // reading. It is told by the first read, before anything is created.
+    if (!reader.Start()) {
+        const int nErr = errno;
+        return {false, false, nErr, CFGFILE_FAILURE};
+    }
     CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", szFileName);
 
     // Private (0600) until it has the file's mode and owner.
@@ -1513,12 +1550,12 @@ CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, Rewrit
     CopyFilePermissions(szFileName, tmp.Stream());
     CopyFileOwnership(szFileName, tmp.Stream());
 
-    // The reader outlives the copy: text of its block may wait in tmp until the commit.
-    char block[kRewriteBlockSize + 1];
-    LineReader reader(readFile.Get(), block);
     reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
     int iRetCode = op.Copy(rules, names, reader, tmp);
     if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
+        iRetCode = CFGFILE_FAILURE;
+    // A device that read like a short file is no file to replace.
+    if (iRetCode == CFGFILE_SUCCESS && !reader.IsRegularFile())
         iRetCode = CFGFILE_FAILURE;
     const bool bSwap =
         iRetCode == CFGFILE_SUCCESS && (op.Changed() || !rules.bDiscardWhenUnchanged);
