@@ -523,11 +523,7 @@ class LineReader {
     }
 
     // Whether the last read holds a NUL byte: such text is not a line of the format.
-    bool LastHoldsNul() {
-        if (m_bLastInBlock && !BlockHoldsNul())
-            return false;
-        return memchr(m_pcLast, '\0', m_nLastLength) != nullptr;
-    }
+    bool LastHoldsNul() const { return memchr(m_pcLast, '\0', m_nLastLength) != nullptr; }
 
     bool Failed() const { return m_bFailed; }
     bool LastInBlock() const { return m_bLastInBlock; }
@@ -567,7 +563,8 @@ class LineReader {
     }
 
     // Whether the block holds a NUL byte. Each read is searched once, when
-    // first asked: a lookup that passes lines unread never asks.
+    // first asked: a lookup that passes lines unread never asks. Not while a
+    // read handed out in place is terminated: that NUL is not the file's.
     bool BlockHoldsNul() {
         if (m_nNulSearched < m_nEnd && !m_bBlockHoldsNul)
             m_bBlockHoldsNul =
