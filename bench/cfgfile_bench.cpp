@@ -10,7 +10,10 @@
 //   rewrite/floor                     the floor of every operation that writes
 //   rewrite/protocol                  the floor plus the calls the rewrite makes
 //                                     by its definition (mode, owner, backup)
-// Implementations: ours, floor, inih (lookups only), iniparser, glib.
+//   rewrite/streamed                  the protocol floor with the file passed
+//                                     through the rewrite's fixed block
+// Implementations: ours, floor, scan (lookups: the floor plus finding every
+// section line), inih (lookups only), iniparser, glib.
 //
 // Files lie in $BENCH_DIR (default /dev/shm/cfgfile-bench), so one binary
 // measures a tmpfs and a disk file system alike. Times are wall-clock: a
@@ -101,21 +104,62 @@ bool FloorRead(const char *szPath, size_t nOffset) {
     return nRead >= 0;
 }
 
+// The least work of a lookup as the library defines it, on top of the read
+// floor: a file larger than a block is asked its type (fstat), so that a
+// device is refused, and every section line of the bytes read is found (the
+// C library's memchr for "[", and a look at the byte before each). Nothing
+// else of a line is looked at.
+bool ScanRead(const char *szPath, size_t nOffset) {
+    char block[kBlockSize];
+    const int fd = open(szPath, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    size_t nDone = 0, nSections = 0;
+    ssize_t nRead = 1;
+    while (nDone < nOffset && nRead > 0) {
+        nRead = read(fd, block, std::min(kBlockSize, nOffset - nDone));
+        if (nRead <= 0)
+            break;
+        struct stat st;
+        if (nDone == 0 && static_cast<size_t>(nRead) == kBlockSize &&
+            (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)))
+            break;
+        const char *pcEnd = block + nRead;
+        for (const char *pc = block; (pc = static_cast<const char *>(memchr(pc, '[', pcEnd - pc)));
+             ++pc)
+            nSections += pc == block || pc[-1] == '\n';
+        nDone += static_cast<size_t>(nRead);
+    }
+    benchmark::DoNotOptimize(nSections);
+    close(fd);
+    return nRead >= 0;
+}
+
 // Replaces the file with its own content, the safe way and nothing more:
 // read it whole, write and sync a temporary file, swap it in through a
 // backup name, sync the directory, delete the backup. With bProtocol, also
 // the calls the library's rewrite makes by its definition: the mode and the
 // owner carried over (each a stat of the file and a change of the temporary
-// file) and the removal of a leftover backup before the swap.
-bool FloorRewrite(const WriteTarget &target, std::vector<char> &buffer, bool bProtocol) {
+// file) and the removal of a leftover backup before the swap. With bStreamed
+// as well, the file passes through a fixed buffer of the library's rewrite
+// block, a read and a write per block, as an operation that must look at
+// every line of the file streams it.
+enum class RewriteFloor { Floor, Protocol, Streamed };
+
+constexpr size_t kRewriteBlockSize = 16384; // the block of the library's rewrite
+
+bool FloorRewrite(const WriteTarget &target, std::vector<char> &buffer, RewriteFloor kind) {
+    const bool bProtocol = kind != RewriteFloor::Floor;
     const int fdIn = open(target.path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fdIn < 0)
         return false;
     size_t nSize = 0;
-    ssize_t nRead;
-    while ((nRead = read(fdIn, buffer.data() + nSize, buffer.size() - nSize)) > 0)
-        nSize += static_cast<size_t>(nRead);
-    close(fdIn);
+    ssize_t nRead = 0;
+    if (kind != RewriteFloor::Streamed) {
+        while ((nRead = read(fdIn, buffer.data() + nSize, buffer.size() - nSize)) > 0)
+            nSize += static_cast<size_t>(nRead);
+        close(fdIn);
+    }
     const int fdOut = open(target.tmpPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fdOut < 0)
         return false;
@@ -126,7 +170,15 @@ bool FloorRewrite(const WriteTarget &target, std::vector<char> &buffer, bool bPr
         close(fdOut);
         return false;
     }
-    bool bOk = write(fdOut, buffer.data(), nSize) == static_cast<ssize_t>(nSize);
+    bool bOk = true;
+    if (kind == RewriteFloor::Streamed) {
+        char block[kRewriteBlockSize];
+        while (bOk && (nRead = read(fdIn, block, sizeof(block))) > 0)
+            bOk = write(fdOut, block, nRead) == nRead;
+        close(fdIn);
+    } else {
+        bOk = write(fdOut, buffer.data(), nSize) == static_cast<ssize_t>(nSize);
+    }
     bOk = fsync(fdOut) == 0 && bOk;
     bOk = close(fdOut) == 0 && bOk;
     if (bProtocol)
@@ -383,6 +435,10 @@ void RegisterLookups(const SizeCase &sizeCase, const std::string &suffix) {
                    [](const char *szPath, const Lookup &lookup) {
                        return FloorRead(szPath, lookup.nOffset) ? lookup.nExpected : kNotFound - 1;
                    }},
+                  {"scan",
+                   [](const char *szPath, const Lookup &lookup) {
+                       return ScanRead(szPath, lookup.nOffset) ? lookup.nExpected : kNotFound - 1;
+                   }},
                   {"inih", InihGet},
                   {"iniparser", IniparserGet},
                   {"glib", GlibGet}};
@@ -554,18 +610,21 @@ void RegisterWrites(const SizeCase &sizeCase, const std::string &suffix) {
             },
             true);
     }
-    for (const bool bProtocol : {false, true})
+    const struct {
+        RewriteFloor kind;
+        const char *szName;
+    } kFloors[] = {{RewriteFloor::Floor, "floor"},
+                   {RewriteFloor::Protocol, "protocol"},
+                   {RewriteFloor::Streamed, "streamed"}};
+    for (const auto &floor : kFloors)
         Register(
-            std::string(bProtocol ? "rewrite/protocol" : "rewrite/floor") + suffix,
-            [bProtocol,
-             target = MakeWriteTarget("rewrite-" + size + (bProtocol ? "-protocol" : "-floor"),
-                                      sizeCase.file)](benchmark::State &state) {
+            std::string("rewrite/") + floor.szName + suffix,
+            [kind = floor.kind, target = MakeWriteTarget("rewrite-" + size + "-" + floor.szName,
+                                                         sizeCase.file)](benchmark::State &state) {
                 std::vector<char> buffer(target.pFile->text.size() + kBlockSize);
                 RunWrite(
                     state, target,
-                    [&](const WriteTarget &t, int64_t) {
-                        return FloorRewrite(t, buffer, bProtocol);
-                    },
+                    [&](const WriteTarget &t, int64_t) { return FloorRewrite(t, buffer, kind); },
                     false);
             },
             true);

@@ -361,8 +361,18 @@ const char *FirstLongLine(const char *pcStart, const char *pcStop, size_t nMaxRe
 
 // Block sizes of the reader: a lookup reads a page at a time; a rewrite,
 // which also writes every block, reads larger ones to halve its system calls.
+// Reads stay at offsets that are multiples of the block: a read across a page
+// boundary costs the kernel a page more.
 constexpr size_t kLookupBlockSize = 4096;
 constexpr size_t kRewriteBlockSize = 16384;
+
+// Room before the block for the unfinished line that ended the block before:
+// it moves there, so that it can pass with the lines after it. A longer line
+// is read in pieces anyway (the longest read of any operation is 1199 bytes).
+constexpr size_t kCarryRoom = 1200;
+
+// The buffer of a reader of nBlockSize blocks: carry room, block, terminator.
+template <size_t nBlockSize> using ReaderBuffer = char[kCarryRoom + nBlockSize + 1];
 
 // Reads a file line by line like fgets, through the caller's block buffer,
 // and tells the true length of every read, NUL bytes included. A read that
@@ -370,9 +380,9 @@ constexpr size_t kRewriteBlockSize = 16384;
 // stands in for the next byte until the following call: no copy per line.
 class LineReader {
   public:
-    // block: the buffer, one byte larger than the blocks read into it.
-    LineReader(int fd, std::span<char> block)
-        : m_fd(fd), m_block(block.data()), m_nBlockSize(block.size() - 1) {}
+    // buffer: a ReaderBuffer, the carry room, then the blocks read into it.
+    LineReader(int fd, std::span<char> buffer)
+        : m_fd(fd), m_block(buffer.data()), m_nEndOfBlock(buffer.size() - 1) {}
 
     // Reads the first block of a file, and refuses what is not a regular
     // file (false, errno set): a FIFO, socket or terminal cannot be read at an
@@ -386,7 +396,7 @@ class LineReader {
             errno = m_nErrno;
             return false;
         }
-        m_bCheckTypeOnMore = m_nEnd != 0 && m_nEnd != m_nBlockSize;
+        m_bCheckTypeOnMore = m_nEnd != kCarryRoom && m_nEnd != m_nEndOfBlock;
         if (m_bCheckTypeOnMore || m_bFailed || CheckType())
             return true;
         errno = m_nErrno;
@@ -468,12 +478,14 @@ class LineReader {
     __attribute__((noinline)) std::string_view PassLines(const LineFilter &lineFilter,
                                                          size_t nCapacity) {
         Unterminate();
-        if (!m_bAtLineStart || nCapacity < 2 || !HaveBlock() ||
-            (lineFilter.StopsAtNul() && BlockHoldsNul()))
+        if (!m_bAtLineStart || nCapacity < 2 || !HaveBlock())
+            return {};
+        const void *pvLastNewline = memrchr(m_block + m_nPos, '\n', m_nEnd - m_nPos);
+        if (pvLastNewline == nullptr && CarryAndReadOn())
+            pvLastNewline = memrchr(m_block + m_nPos, '\n', m_nEnd - m_nPos);
+        if (lineFilter.StopsAtNul() && BlockHoldsNul())
             return {};
         const char *pcStart = m_block + m_nPos;
-        const char *pcEnd = m_block + m_nEnd;
-        const void *pvLastNewline = memrchr(pcStart, '\n', pcEnd - pcStart);
         const char *pcStop = pvLastNewline ? static_cast<const char *>(pvLastNewline) + 1 : pcStart;
         pcStop = lineFilter.bShortLines ? FirstLineForWriter(pcStart, pcStop, lineFilter)
                                         : FirstMarkedLine(pcStart, pcStop, lineFilter);
@@ -552,6 +564,31 @@ class LineReader {
 
     bool HaveBlock() { return m_nPos < m_nEnd || Refill(); }
 
+    // Moves the unfinished line that ends a full block into the carry room,
+    // just before the block, and reads the next block after it: the line can
+    // then pass with the lines that follow instead of being put together on
+    // its own. Text of the block that waits to be written goes out first
+    // (the hook). False when the line is too long to move, or nothing follows.
+    bool CarryAndReadOn() {
+        const size_t nTail = m_nEnd - m_nPos;
+        if (m_nEnd != m_nEndOfBlock || nTail > kCarryRoom || m_bFailed || m_bAtEnd)
+            return false;
+        if (m_pfnRefillHook != nullptr)
+            m_pfnRefillHook(m_pRefillContext);
+        memmove(m_block + kCarryRoom - nTail, m_block + m_nPos, nTail);
+        StartBlock(kCarryRoom - nTail);
+        return Refill();
+    }
+
+    // Starts the block over, its text from nPos (the carry room's end, or a
+    // line carried into it) to the carry room's end.
+    void StartBlock(size_t nPos) {
+        m_nPos = nPos;
+        m_nEnd = kCarryRoom;
+        m_nNulSearched = nPos;
+        m_bBlockHoldsNul = false;
+    }
+
     // Looks up the file's type once it is needed; false, with m_nErrno, for
     // anything but a regular file.
     bool CheckType() {
@@ -580,17 +617,14 @@ class LineReader {
         m_bTerminated = false;
         if (m_bFailed || m_bAtEnd)
             return false;
-        if (m_nEnd == m_nBlockSize) {
+        if (m_nEnd == m_nEndOfBlock) {
             if (m_pfnRefillHook != nullptr)
                 m_pfnRefillHook(m_pRefillContext);
-            m_nPos = 0;
-            m_nEnd = 0;
-            m_nNulSearched = 0;
-            m_bBlockHoldsNul = false;
+            StartBlock(kCarryRoom);
         }
         // Read at an offset of its own: what cannot be read so is no file.
         char *pcRoom = m_block + m_nEnd;
-        const size_t nRoom = m_nBlockSize - m_nEnd;
+        const size_t nRoom = m_nEndOfBlock - m_nEnd;
         ssize_t nRead;
         do {
             nRead = Sys([&] { return pread(m_fd, pcRoom, nRoom, m_nOffset); }, ssize_t(-1));
@@ -617,18 +651,18 @@ class LineReader {
 
     static constexpr size_t kMaxCopy = size_t(1) << 30;
     int m_fd;
-    char *m_block;
-    size_t m_nBlockSize;
+    char *m_block;         // the carry room, then the block
+    size_t m_nEndOfBlock;  // index just past the block
     off64_t m_nOffset = 0; // of the next read in the file
     int m_nErrno = 0;      // of a failed read
     bool m_bCheckTypeOnMore = false;
     bool m_bRegular = false; // known to be a regular file
-    size_t m_nPos = 0;
-    size_t m_nEnd = 0;
+    size_t m_nPos = kCarryRoom;
+    size_t m_nEnd = kCarryRoom;
     bool m_bFailed = false;
     bool m_bAtEnd = false;
-    bool m_bAtLineStart = true; // the last read ended with a line feed
-    size_t m_nNulSearched = 0;  // bytes of the block searched for NUL
+    bool m_bAtLineStart = true;         // the last read ended with a line feed
+    size_t m_nNulSearched = kCarryRoom; // the block is searched for NUL up to here
     bool m_bBlockHoldsNul = false;
     bool m_bTerminated = false;
     char m_cTerminated = 0;
@@ -935,8 +969,8 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     char szKeyNameBuffer[kNameBufferSize];
 
     FileDescriptor file(OpenFile(szFileName));
-    char block[kLookupBlockSize + 1];
-    LineReader reader(file.Get(), block);
+    ReaderBuffer<kLookupBlockSize> buffer;
+    LineReader reader(file.Get(), buffer);
     if (!file.IsOpen() || !reader.Start()) {
         const int nErr = errno;
         CFG_TRACE(7, "Unable to open \"%s\", errno (%d): \"%s\".\n", szFileName, nErr,
@@ -1525,8 +1559,8 @@ CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, Rewrit
     const char *szFileName = names.szTarget;
     FileDescriptor readFile(fd);
     // The block outlives the temporary file: text of it may wait there until the commit.
-    char block[kRewriteBlockSize + 1];
-    LineReader reader(readFile.Get(), block);
+    ReaderBuffer<kRewriteBlockSize> buffer;
+    LineReader reader(readFile.Get(), buffer);
     // What is no regular file counts as a file that cannot be opened for
     // reading. It is told by the first read, before anything is created.
     if (!reader.Start()) {
@@ -2113,8 +2147,8 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
     char szLineBuffer[kShortLineBufferSize];
 
     FileDescriptor file(OpenFile(szFileName));
-    char block[kLookupBlockSize + 1];
-    LineReader reader(file.Get(), block);
+    ReaderBuffer<kLookupBlockSize> buffer;
+    LineReader reader(file.Get(), buffer);
     if (file.IsOpen() && reader.Start()) {
         CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
         iRetCode = CFGFILE_SUCCESS;
@@ -2171,8 +2205,8 @@ CFGFILE_API int CfgFile_FindLineStartingWith(const char *szFileName, const char 
     const size_t nBuffSize = *pnBuffSize;
 
     FileDescriptor file(OpenFile(szFileName));
-    char block[kLookupBlockSize + 1];
-    LineReader reader(file.Get(), block);
+    ReaderBuffer<kLookupBlockSize> buffer;
+    LineReader reader(file.Get(), buffer);
     if (!file.IsOpen() || !reader.Start())
         return iRetCode;
     CFG_TRACE(7, "OPENED \"%s\".\n", szFileName);
