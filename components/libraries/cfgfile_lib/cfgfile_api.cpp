@@ -35,6 +35,12 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
+
 #include "dbgtrace.h"
 #include "support_lib.h"
 
@@ -288,28 +294,54 @@ inline Bytes16 Load16(const char *pc) {
     return v;
 }
 
+// A comparison of 16 bytes as a bit mask: kMaskBitsPerByte bits per byte,
+// the first byte lowest. x86-64 has an instruction for it (one bit a byte);
+// AArch64 narrows the comparison to four bits a byte. Elsewhere the writer's
+// scan goes byte by byte.
+#if defined(__SSE2__)
+#define CFGFILE_BYTE_MASKS 1
+constexpr int kMaskBitsPerByte = 1;
+inline uint64_t MaskOf(Bytes16 compared) {
+    return static_cast<uint16_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(compared)));
+}
+#elif defined(__ARM_NEON)
+#define CFGFILE_BYTE_MASKS 1
+constexpr int kMaskBitsPerByte = 4;
+inline uint64_t MaskOf(Bytes16 compared) {
+    const uint8x8_t narrowed = vshrn_n_u16(vreinterpretq_u16_u8(uint8x16_t(compared)), 4);
+    return vget_lane_u64(vreinterpret_u64_u8(narrowed), 0);
+}
+#endif
+
 // The start of the first line after pc, in [pc, pcStop) of whole lines,
-// that may need the writer's look; pcStop when there is none.
+// that may need the writer's look; pcStop when there is none. A line feed
+// at i marks the line at i + 1, when one of the next three bytes is a line
+// feed too, or the next one a "[" or a blank.
 const char *NextWriterCandidate(const char *pc, const char *pcStop) {
+#ifdef CFGFILE_BYTE_MASKS
     static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
+    constexpr int B = kMaskBitsPerByte;
+    // A window fills a 64-bit mask; a line feed is judged when its next
+    // three bytes lie in the window too, and the next window starts after it.
+    constexpr size_t kWindow = 64 / B;
+    constexpr uint64_t kJudged = (uint64_t(1) << ((kWindow - kShortLineLength) * B)) - 1;
     const Bytes16 newline = Bytes16{} + '\n';
     const Bytes16 bracket = Bytes16{} + '[';
     const Bytes16 blank = Bytes16{} + ' ';
-    // A line feed at i marks the line at i + 1, when one of the next three
-    // bytes is a line feed too, or the next one a "[" or a blank.
-    for (; pcStop - pc >= 16 + kShortLineLength; pc += 16) {
-        const Bytes16 next = Load16(pc + 1);
-        const auto marks = (Load16(pc) == newline) &
-                           ((next == newline) | (Load16(pc + 2) == newline) |
-                            (Load16(pc + 3) == newline) | (next == bracket) | (next == blank));
-        uint64_t nLow, nHigh;
-        memcpy(&nLow, &marks, sizeof(nLow));
-        memcpy(&nHigh, reinterpret_cast<const char *>(&marks) + sizeof(nLow), sizeof(nHigh));
-        if (nLow != 0)
-            return pc + __builtin_ctzll(nLow) / 8 + 1;
-        if (nHigh != 0)
-            return pc + sizeof(nLow) + __builtin_ctzll(nHigh) / 8 + 1;
+    for (; static_cast<size_t>(pcStop - pc) >= kWindow; pc += kWindow - kShortLineLength) {
+        uint64_t nNewlines = 0, nOpeners = 0;
+        for (size_t k = 0; k < kWindow; k += 16) {
+            const Bytes16 bytes = Load16(pc + k);
+            nNewlines |= MaskOf(bytes == newline) << (k * B);
+            nOpeners |= MaskOf((bytes == bracket) | (bytes == blank)) << (k * B);
+        }
+        const uint64_t nMarks =
+            nNewlines & kJudged &
+            ((nNewlines >> B) | (nNewlines >> 2 * B) | (nNewlines >> 3 * B) | (nOpeners >> B));
+        if (nMarks != 0)
+            return pc + __builtin_ctzll(nMarks) / B + 1;
     }
+#endif
     for (; pc < pcStop - 1; ++pc)
         if (*pc == '\n' && MayNeedWriterLook(pc + 1, pcStop))
             return pc + 1;
