@@ -172,16 +172,6 @@ int OpenFile(const char *szFileName, int nFlags = 0) {
     return Sys([&] { return open(szFileName, O_RDONLY | O_CLOEXEC | O_NONBLOCK | nFlags); }, -1);
 }
 
-// 0 when fd is a regular file; else why not: EISDIR, EINVAL or fstat's errno.
-int IrregularFileErrno(int fd) {
-    struct stat st;
-    if (fstat(fd, &st) != 0)
-        return errno;
-    if (S_ISREG(st.st_mode))
-        return 0;
-    return S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-}
-
 // Which lines of a block an operation must look at one by one. The others
 // may pass unread, as one run of text: kept, or left out when bLeaveOut.
 struct LineFilter {
@@ -413,23 +403,26 @@ template <size_t nBlockSize> using ReaderBuffer = char[kCarryRoom + nBlockSize +
 class LineReader {
   public:
     // buffer: a ReaderBuffer, the carry room, then the blocks read into it.
-    LineReader(int fd, std::span<char> buffer)
-        : m_fd(fd), m_block(buffer.data()), m_nEndOfBlock(buffer.size() - 1) {}
+    // bTypeFirst: the type is looked up before a short read is read past,
+    // for a reader whose caller needs it anyway (a rewrite never replaces
+    // anything but a regular file); its size then tells the end of the file.
+    LineReader(int fd, std::span<char> buffer, bool bTypeFirst = false)
+        : m_fd(fd), m_block(buffer.data()), m_nEndOfBlock(buffer.size() - 1),
+          m_bTypeFirst(bTypeFirst) {}
 
     // Reads the first block of a file, and refuses what is not a regular
     // file (false, errno set): a FIFO, socket or terminal cannot be read at an
     // offset (ESPIPE), a directory not at all (EISDIR). A device (EINVAL) is
-    // told by its type, looked up when the first read fills the block or
-    // finds nothing, or when a read finds more after a short one: a regular
-    // file that fits in one block never needs the look. A read error other
-    // than these is the reader's failure (Failed()), not a refusal.
+    // told by its type: looked up here when the first read fills the block
+    // (a device may never end) or finds nothing, else when a read finds more
+    // after a short one (or, with bTypeFirst, before that read). A read error
+    // other than these is the reader's failure (Failed()), not a refusal.
     bool Start() {
         if (!Refill() && m_bFailed && (m_nErrno == ESPIPE || m_nErrno == EISDIR)) {
             errno = m_nErrno;
             return false;
         }
-        m_bCheckTypeOnMore = m_nEnd != kCarryRoom && m_nEnd != m_nEndOfBlock;
-        if (m_bCheckTypeOnMore || m_bFailed || CheckType())
+        if (m_bShortRead || m_bFailed || CheckType())
             return true;
         errno = m_nErrno;
         return false;
@@ -621,13 +614,24 @@ class LineReader {
         m_bBlockHoldsNul = false;
     }
 
-    // Looks up the file's type once it is needed; false, with m_nErrno, for
-    // anything but a regular file.
+    bool Fail() {
+        m_bFailed = true;
+        return false;
+    }
+
+    // Looks up the file's type, and its size, once it is needed; false, with
+    // m_nErrno (EISDIR, EINVAL or fstat's), for anything but a regular file.
     bool CheckType() {
-        if (!m_bRegular) {
-            m_nErrno = IrregularFileErrno(m_fd);
-            m_bRegular = m_nErrno == 0;
-        }
+        if (m_bRegular)
+            return true;
+        struct stat st;
+        if (fstat(m_fd, &st) != 0)
+            m_nErrno = errno;
+        else if (!S_ISREG(st.st_mode))
+            m_nErrno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+        else
+            m_nSizeSeen = st.st_size;
+        m_bRegular = m_nErrno == 0;
         return m_bRegular;
     }
 
@@ -654,6 +658,15 @@ class LineReader {
                 m_pfnRefillHook(m_pRefillContext);
             StartBlock(kCarryRoom);
         }
+        // After a short read a regular file has ended, unless it grew since:
+        // its size, when known, tells without another read.
+        if (m_bShortRead) {
+            if (m_bTypeFirst && !CheckType())
+                return Fail();
+            m_bAtEnd = m_nSizeSeen >= 0 && m_nOffset >= m_nSizeSeen;
+            if (m_bAtEnd)
+                return false;
+        }
         // Read at an offset of its own: what cannot be read so is no file.
         char *pcRoom = m_block + m_nEnd;
         const size_t nRoom = m_nEndOfBlock - m_nEnd;
@@ -668,14 +681,10 @@ class LineReader {
         m_bAtEnd = nRead == 0;
         if (nRead <= 0)
             return false;
-        // More after a short first read: a regular file that grew, or a device.
-        if (m_bCheckTypeOnMore) {
-            m_bCheckTypeOnMore = false;
-            if (!CheckType()) {
-                m_bFailed = true;
-                return false;
-            }
-        }
+        // More after a short read: a regular file that grew, or a device.
+        if (m_bShortRead && !CheckType())
+            return Fail();
+        m_bShortRead = static_cast<size_t>(nRead) < nRoom;
         m_nOffset += nRead;
         m_nEnd += static_cast<size_t>(nRead);
         return true;
@@ -687,8 +696,10 @@ class LineReader {
     size_t m_nEndOfBlock;  // index just past the block
     off64_t m_nOffset = 0; // of the next read in the file
     int m_nErrno = 0;      // of a failed read
-    bool m_bCheckTypeOnMore = false;
-    bool m_bRegular = false; // known to be a regular file
+    bool m_bTypeFirst;
+    bool m_bShortRead = false; // the last read gave less than asked for
+    bool m_bRegular = false;   // known to be a regular file
+    off64_t m_nSizeSeen = -1;  // its size when its type was looked up
     size_t m_nPos = kCarryRoom;
     size_t m_nEnd = kCarryRoom;
     bool m_bFailed = false;
@@ -1592,7 +1603,7 @@ CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, Rewrit
     FileDescriptor readFile(fd);
     // The block outlives the temporary file: text of it may wait there until the commit.
     ReaderBuffer<kRewriteBlockSize> buffer;
-    LineReader reader(readFile.Get(), buffer);
+    LineReader reader(readFile.Get(), buffer, true);
     // What is no regular file counts as a file that cannot be opened for
     // reading. It is told by the first read, before anything is created.
     if (!reader.Start()) {
