@@ -7,7 +7,7 @@
 #   TMPFS_DIR          directory on a tmpfs   (default /dev/shm/cfgfile-bench)
 #   DISK_DIR           directory on a disk    (default build-bench/bench-disk)
 #   BENCH_MIN_TIME     seconds per benchmark and repetition (default 0.05)
-#   BENCH_REPETITIONS  runs of each benchmark; the fastest is reported (default 7)
+#   BENCH_REPETITIONS  runs of each benchmark; the fastest is reported (default 12)
 #   BENCH_FILTER       regular expression of the benchmarks to run (default all)
 #   BENCH_KEEP         when set, the raw results are kept (their directory is printed)
 set -euo pipefail
@@ -36,7 +36,7 @@ for place in tmpfs disk; do
     echo "benchmarks on $place ($dir)..." >&2
     BENCH_DIR=$dir "$build/bench/cfgfile_bench" \
         --benchmark_min_time="${BENCH_MIN_TIME:-0.05}" \
-        --benchmark_repetitions="${BENCH_REPETITIONS:-7}" \
+        --benchmark_repetitions="${BENCH_REPETITIONS:-12}" \
         --benchmark_report_aggregates_only=true \
         --benchmark_enable_random_interleaving=true \
         --benchmark_filter="${BENCH_FILTER:-.}" \
