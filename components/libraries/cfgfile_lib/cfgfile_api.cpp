@@ -625,14 +625,17 @@ class LineReader {
         if (m_bRegular)
             return true;
         struct stat st;
-        if (fstat(m_fd, &st) != 0)
+        if (fstat(m_fd, &st) != 0) {
             m_nErrno = errno;
-        else if (!S_ISREG(st.st_mode))
+            return false;
+        }
+        if (!S_ISREG(st.st_mode)) {
             m_nErrno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
-        else
-            m_nSizeSeen = st.st_size;
-        m_bRegular = m_nErrno == 0;
-        return m_bRegular;
+            return false;
+        }
+        m_nSizeSeen = st.st_size;
+        m_bRegular = true;
+        return true;
     }
 
     // Whether the block holds a NUL byte. Each read is searched once, when
