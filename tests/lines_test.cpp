@@ -1,7 +1,10 @@
 // Finding, commenting out and deleting the first line that begins with a prefix. How
 // the changes fail and trace their work is tested with the other rewrites.
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "cfgfile_api.h"
 #include "test_support.h"
@@ -59,6 +62,23 @@ const FindCase kFindCases[] = {
     {"k=1\n", "k", 1, nullptr},
 };
 INSTANTIATE_TEST_SUITE_P(Lines, FindLineStartingWith, ::testing::ValuesIn(kFindCases));
+
+// A read that gives less than asked for ends nothing: procfs gives a record
+// at a time, and reports a size of 0. A line deep in such a file is found.
+TEST(LinesOfProcfs, ReadsPastShortReads) {
+    std::ifstream symbols("/proc/kallsyms");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(symbols, line);)
+        lines.push_back(line);
+    if (lines.size() < 1000)
+        GTEST_SKIP() << "/proc/kallsyms is too short here";
+    const std::string wanted = lines[lines.size() * 3 / 4];
+    char szLine[512];
+    size_t nSize = sizeof(szLine);
+    ASSERT_EQ(CFGFILE_SUCCESS,
+              CfgFile_FindLineStartingWith("/proc/kallsyms", wanted.c_str(), szLine, &nSize));
+    EXPECT_EQ(wanted, szLine);
+}
 
 // Programming errors end the process, naming the failed check and the function.
 TEST(LinesDeathTest, AssertsArguments) {

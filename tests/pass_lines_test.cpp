@@ -84,6 +84,20 @@ const Operation kOperations[] = {
          const int iResult = CfgFile_FindLineStartingWith(f, "port", szLine, &nSize);
          return Result(iResult, iResult == CFGFILE_SUCCESS ? std::string(szLine, nSize) : "");
      }},
+    // A prefix that begins with a line feed: only an empty line can start
+    // with one, and nothing can follow it there.
+    {"FindEmptyLine",
+     [](const char *f) {
+         char szLine[16];
+         size_t nSize = sizeof(szLine);
+         return Result(CfgFile_FindLineStartingWith(f, "\n", szLine, &nSize));
+     }},
+    {"FindLineFeedAndText",
+     [](const char *f) {
+         char szLine[16];
+         size_t nSize = sizeof(szLine);
+         return Result(CfgFile_FindLineStartingWith(f, "\n[", szLine, &nSize));
+     }},
     {"SetStringValue",
      [](const char *f) { return Result(CfgFile_SetStringValue(f, "net", "port", "9")); }},
     {"SetNewSection",

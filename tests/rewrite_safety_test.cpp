@@ -3,7 +3,9 @@
 // directory, a link, a leftover) is followed, kept or swapped in.
 #include <csignal>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/sysmacros.h>
 
 #include "rewrites.h"
 
@@ -127,6 +129,21 @@ TEST_P(RewriteSafety, NonRegularFileAtNameIsLeftAlone) {
         EXPECT_FALSE(Exists(dir / szLeftover)) << szLeftover;
     for (const char *szLeftover : {"/dev/zero.tmp", "/dev/zero.bak", "/dev/null.tmp"})
         EXPECT_FALSE(Exists(szLeftover)) << szLeftover;
+}
+
+// A device whose first read gives less than a block (the kernel log gives
+// one record) is found out at that read, before anything is created beside it.
+TEST_P(RewriteSafety, ShortReadingDeviceIsLeftAlone) {
+    const std::string kmsg = dir / "kmsg.ini";
+    if (mknod(kmsg.c_str(), S_IFCHR | 0600, makedev(1, 11)) != 0)
+        GTEST_SKIP() << "no device node can be made here";
+    const int fd = open(kmsg.c_str(), O_RDONLY | O_NONBLOCK);
+    if (fd < 0)
+        GTEST_SKIP() << "the kernel log cannot be read here";
+    close(fd);
+    GetParam().run(kmsg.c_str());
+    EXPECT_TRUE(S_ISCHR(StatOf(kmsg).st_mode));
+    EXPECT_FALSE(Exists(dir / "kmsg.tmp") || Exists(dir / "kmsg.bak"));
 }
 
 // As "nobody": a file it may not read is never replaced, and one it may not

@@ -249,6 +249,9 @@ const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineF
         if (pcHit == nullptr)
             break;
         pcFrom = pcHit + 1;
+        // A line feed ends its line: no text of follow comes after it there.
+        if (*pcHit == '\n' && !filter.follow.empty())
+            continue;
         if (!MayFollow(pcHit + 1, filter))
             continue; // the cheaper test first: most hits fail it
         const char *pcLine = pcHit;
@@ -383,14 +386,15 @@ const char *FirstLongLine(const char *pcStart, const char *pcStop, size_t nMaxRe
 
 // Block sizes of the reader: a lookup reads a page at a time; a rewrite,
 // which also writes every block, reads larger ones to halve its system calls.
-// Reads stay at offsets that are multiples of the block: a read across a page
-// boundary costs the kernel a page more.
+// A block is read from its start, never after a carried line, so that reads
+// stay at multiples of the block while the file reads in whole blocks: a read
+// across a page boundary costs the kernel a page more.
 constexpr size_t kLookupBlockSize = 4096;
 constexpr size_t kRewriteBlockSize = 16384;
 
 // Room before the block for the unfinished line that ended the block before:
-// it moves there, so that it can pass with the lines after it. A longer line
-// is read in pieces anyway (the longest read of any operation is 1199 bytes).
+// it moves there, so that it can pass with the lines after it. A longer one
+// stays where it is and is put together across the blocks, as any read is.
 constexpr size_t kCarryRoom = 1200;
 
 // The buffer of a reader of nBlockSize blocks: carry room, block, terminator.
@@ -403,34 +407,26 @@ template <size_t nBlockSize> using ReaderBuffer = char[kCarryRoom + nBlockSize +
 class LineReader {
   public:
     // buffer: a ReaderBuffer, the carry room, then the blocks read into it.
-    // bTypeFirst: the type is looked up before a short read is read past,
-    // for a reader whose caller needs it anyway (a rewrite never replaces
-    // anything but a regular file); its size then tells the end of the file.
-    LineReader(int fd, std::span<char> buffer, bool bTypeFirst = false)
-        : m_fd(fd), m_block(buffer.data()), m_nEndOfBlock(buffer.size() - 1),
-          m_bTypeFirst(bTypeFirst) {}
+    LineReader(int fd, std::span<char> buffer)
+        : m_fd(fd), m_block(buffer.data()), m_nEndOfBlock(buffer.size() - 1) {}
 
     // Reads the first block of a file, and refuses what is not a regular
     // file (false, errno set): a FIFO, socket or terminal cannot be read at an
     // offset (ESPIPE), a directory not at all (EISDIR). A device (EINVAL) is
     // told by its type: looked up here when the first read fills the block
-    // (a device may never end) or finds nothing, else when a read finds more
-    // after a short one (or, with bTypeFirst, before that read). A read error
-    // other than these is the reader's failure (Failed()), not a refusal.
-    bool Start() {
+    // (a device may never end) or finds nothing, or with bTypeNow; else when
+    // a read finds more after a short one. A read error other than these is
+    // the reader's failure (Failed()), not a refusal.
+    bool Start(bool bTypeNow = false) {
         if (!Refill() && m_bFailed && (m_nErrno == ESPIPE || m_nErrno == EISDIR)) {
             errno = m_nErrno;
             return false;
         }
-        if (m_bShortRead || m_bFailed || CheckType())
+        if (m_bFailed || (m_bShortRead && !bTypeNow) || CheckType())
             return true;
         errno = m_nErrno;
         return false;
     }
-
-    // Whether the file is a regular file, looked up unless already known.
-    // A short file read to its end may not have needed the look in Start().
-    bool IsRegularFile() { return CheckType(); }
 
     // Reads up to nCapacity - 1 bytes, stopping after a line feed, and hands
     // them out terminated in *pszLine: in the block, or copied into szSpill
@@ -535,8 +531,6 @@ class LineReader {
                     ssize_t(-1));
             if (nCopied < 0 && errno != EINTR)
                 return false;
-            // The kernel copies between regular files only (EINVAL otherwise).
-            m_bRegular = m_bRegular || nCopied >= 0;
             m_bAtEnd = nCopied == 0;
         }
         return true;
@@ -614,13 +608,8 @@ class LineReader {
         m_bBlockHoldsNul = false;
     }
 
-    bool Fail() {
-        m_bFailed = true;
-        return false;
-    }
-
-    // Looks up the file's type, and its size, once it is needed; false, with
-    // m_nErrno (EISDIR, EINVAL or fstat's), for anything but a regular file.
+    // Looks up the file's type once it is needed; false, with m_nErrno
+    // (EISDIR, EINVAL or fstat's), for anything but a regular file.
     bool CheckType() {
         if (m_bRegular)
             return true;
@@ -633,14 +622,14 @@ class LineReader {
             m_nErrno = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
             return false;
         }
-        m_nSizeSeen = st.st_size;
         m_bRegular = true;
         return true;
     }
 
     // Whether the block holds a NUL byte. Each read is searched once, when
-    // first asked: a lookup that passes lines unread never asks. Not while a
-    // read handed out in place is terminated: that NUL is not the file's.
+    // first asked: a lookup that passes lines unread never asks. Must not be
+    // asked while a read handed out in place is terminated (that NUL is not
+    // the file's).
     bool BlockHoldsNul() {
         if (m_nNulSearched < m_nEnd && !m_bBlockHoldsNul)
             m_bBlockHoldsNul =
@@ -661,15 +650,6 @@ class LineReader {
                 m_pfnRefillHook(m_pRefillContext);
             StartBlock(kCarryRoom);
         }
-        // After a short read a regular file has ended, unless it grew since:
-        // its size, when known, tells without another read.
-        if (m_bShortRead) {
-            if (m_bTypeFirst && !CheckType())
-                return Fail();
-            m_bAtEnd = m_nSizeSeen >= 0 && m_nOffset >= m_nSizeSeen;
-            if (m_bAtEnd)
-                return false;
-        }
         // Read at an offset of its own: what cannot be read so is no file.
         char *pcRoom = m_block + m_nEnd;
         const size_t nRoom = m_nEndOfBlock - m_nEnd;
@@ -685,8 +665,10 @@ class LineReader {
         if (nRead <= 0)
             return false;
         // More after a short read: a regular file that grew, or a device.
-        if (m_bShortRead && !CheckType())
-            return Fail();
+        if (m_bShortRead && !CheckType()) {
+            m_bFailed = true;
+            return false;
+        }
         m_bShortRead = static_cast<size_t>(nRead) < nRoom;
         m_nOffset += nRead;
         m_nEnd += static_cast<size_t>(nRead);
@@ -695,14 +677,12 @@ class LineReader {
 
     static constexpr size_t kMaxCopy = size_t(1) << 30;
     int m_fd;
-    char *m_block;         // the carry room, then the block
-    size_t m_nEndOfBlock;  // index just past the block
-    off64_t m_nOffset = 0; // of the next read in the file
-    int m_nErrno = 0;      // of a failed read
-    bool m_bTypeFirst;
+    char *m_block;             // the carry room, then the block
+    size_t m_nEndOfBlock;      // index just past the block
+    off64_t m_nOffset = 0;     // of the next read in the file
+    int m_nErrno = 0;          // of a failed read
     bool m_bShortRead = false; // the last read gave less than asked for
     bool m_bRegular = false;   // known to be a regular file
-    off64_t m_nSizeSeen = -1;  // its size when its type was looked up
     size_t m_nPos = kCarryRoom;
     size_t m_nEnd = kCarryRoom;
     bool m_bFailed = false;
@@ -1606,10 +1586,11 @@ CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, Rewrit
     FileDescriptor readFile(fd);
     // The block outlives the temporary file: text of it may wait there until the commit.
     ReaderBuffer<kRewriteBlockSize> buffer;
-    LineReader reader(readFile.Get(), buffer, true);
+    LineReader reader(readFile.Get(), buffer);
     // What is no regular file counts as a file that cannot be opened for
-    // reading. It is told by the first read, before anything is created.
-    if (!reader.Start()) {
+    // reading; its type is looked up after the first read, before anything
+    // is created beside it.
+    if (!reader.Start(true)) {
         const int nErr = errno;
         return {false, false, nErr, CFGFILE_FAILURE};
     }
@@ -1630,9 +1611,6 @@ CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, Rewrit
     reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
     int iRetCode = op.Copy(rules, names, reader, tmp);
     if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
-        iRetCode = CFGFILE_FAILURE;
-    // A device that read like a short file is no file to replace.
-    if (iRetCode == CFGFILE_SUCCESS && !reader.IsRegularFile())
         iRetCode = CFGFILE_FAILURE;
     const bool bSwap =
         iRetCode == CFGFILE_SUCCESS && (op.Changed() || !rules.bDiscardWhenUnchanged);
