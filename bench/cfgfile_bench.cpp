@@ -32,6 +32,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -566,47 +567,42 @@ std::vector<WriteOperation> MakeWriteOperations() {
     };
 }
 
+// Registers one write benchmark of target, timed call by call.
+void RegisterWrite(const std::string &name, WriteTarget target, WriteFunction fnWrite,
+                   bool bRestore) {
+    Register(
+        name,
+        [target = std::move(target), fnWrite = std::move(fnWrite),
+         bRestore](benchmark::State &state) { RunWrite(state, target, fnWrite, bRestore); },
+        true);
+}
+
 void RegisterWrites(const SizeCase &sizeCase, const std::string &suffix) {
     static const std::vector<WriteOperation> kOperations = MakeWriteOperations();
     const std::string size = suffix.substr(1);
     for (const WriteOperation &op : kOperations) {
-        const std::string stem = std::string(op.szOp) + "-" + size;
-        Register(
-            std::string(op.szOp) + "/ours" + suffix,
-            [&op,
-             target = MakeWriteTarget(stem + "-ours", sizeCase.file)](benchmark::State &state) {
-                RunWrite(
-                    state, target,
-                    [&](const WriteTarget &t, int64_t nIteration) {
-                        return op.fnOurs(t.path.c_str(), *t.pFile, nIteration);
-                    },
-                    op.bOursRestores);
+        const std::string stem = std::string(op.szOp) + "-" + size + "-";
+        const auto fnName = [&](const char *szImpl) {
+            return std::string(op.szOp) + "/" + szImpl + suffix;
+        };
+        RegisterWrite(
+            fnName("ours"), MakeWriteTarget(stem + "ours", sizeCase.file),
+            [&op](const WriteTarget &t, int64_t nIteration) {
+                return op.fnOurs(t.path.c_str(), *t.pFile, nIteration);
+            },
+            op.bOursRestores);
+        RegisterWrite(
+            fnName("iniparser"), MakeWriteTarget(stem + "iniparser", sizeCase.file),
+            [&op](const WriteTarget &t, int64_t) {
+                return IniparserRewrite(
+                    t, [&](dictionary *pDict) { return op.fnIniparser(pDict, *t.pFile); });
             },
             true);
-        Register(
-            std::string(op.szOp) + "/iniparser" + suffix,
-            [&op, target = MakeWriteTarget(stem + "-iniparser", sizeCase.file)](
-                benchmark::State &state) {
-                RunWrite(
-                    state, target,
-                    [&](const WriteTarget &t, int64_t) {
-                        return IniparserRewrite(
-                            t, [&](dictionary *pDict) { return op.fnIniparser(pDict, *t.pFile); });
-                    },
-                    true);
-            },
-            true);
-        Register(
-            std::string(op.szOp) + "/glib" + suffix,
-            [&op,
-             target = MakeWriteTarget(stem + "-glib", sizeCase.file)](benchmark::State &state) {
-                RunWrite(
-                    state, target,
-                    [&](const WriteTarget &t, int64_t) {
-                        return GlibRewrite(
-                            t, [&](GKeyFile *pKeyFile) { return op.fnGlib(pKeyFile, *t.pFile); });
-                    },
-                    true);
+        RegisterWrite(
+            fnName("glib"), MakeWriteTarget(stem + "glib", sizeCase.file),
+            [&op](const WriteTarget &t, int64_t) {
+                return GlibRewrite(
+                    t, [&](GKeyFile *pKeyFile) { return op.fnGlib(pKeyFile, *t.pFile); });
             },
             true);
     }
@@ -616,18 +612,17 @@ void RegisterWrites(const SizeCase &sizeCase, const std::string &suffix) {
     } kFloors[] = {{RewriteFloor::Floor, "floor"},
                    {RewriteFloor::Protocol, "protocol"},
                    {RewriteFloor::Streamed, "streamed"}};
-    for (const auto &floor : kFloors)
-        Register(
+    for (const auto &floor : kFloors) {
+        // One buffer per benchmark, large enough for the whole file.
+        auto pBuffer = std::make_shared<std::vector<char>>(sizeCase.file.text.size() + kBlockSize);
+        RegisterWrite(
             std::string("rewrite/") + floor.szName + suffix,
-            [kind = floor.kind, target = MakeWriteTarget("rewrite-" + size + "-" + floor.szName,
-                                                         sizeCase.file)](benchmark::State &state) {
-                std::vector<char> buffer(target.pFile->text.size() + kBlockSize);
-                RunWrite(
-                    state, target,
-                    [&](const WriteTarget &t, int64_t) { return FloorRewrite(t, buffer, kind); },
-                    false);
+            MakeWriteTarget("rewrite-" + size + "-" + floor.szName, sizeCase.file),
+            [pBuffer, kind = floor.kind](const WriteTarget &t, int64_t) {
+                return FloorRewrite(t, *pBuffer, kind);
             },
-            true);
+            false);
+    }
 }
 
 } // namespace
