@@ -531,7 +531,11 @@ class LineReader {
                     ssize_t(-1));
             if (nCopied < 0 && errno != EINTR)
                 return false;
+            if (nCopied < 0)
+                continue;
+            m_bShortRead = static_cast<size_t>(nCopied) < kMaxCopy;
             m_bAtEnd = nCopied == 0;
+            NoteEndBySize();
         }
         return true;
     }
@@ -623,7 +627,18 @@ class LineReader {
             return false;
         }
         m_bRegular = true;
+        m_nSize = st.st_size;
+        NoteEndBySize();
         return true;
+    }
+
+    // A regular file never reads short before its end, so a short read that
+    // ends at the size fstat gave is the end, and the read that would find
+    // nothing is saved. Files of procfs and the like give no size (0) and
+    // read short record by record: they read on to that empty read.
+    void NoteEndBySize() {
+        if (m_bShortRead && m_nSize > 0 && m_nOffset == m_nSize)
+            m_bAtEnd = true;
     }
 
     // Whether the block holds a NUL byte. Each read is searched once, when
@@ -672,6 +687,7 @@ class LineReader {
         m_bShortRead = static_cast<size_t>(nRead) < nRoom;
         m_nOffset += nRead;
         m_nEnd += static_cast<size_t>(nRead);
+        NoteEndBySize();
         return true;
     }
 
@@ -683,6 +699,7 @@ class LineReader {
     int m_nErrno = 0;          // of a failed read
     bool m_bShortRead = false; // the last read gave less than asked for
     bool m_bRegular = false;   // known to be a regular file
+    off64_t m_nSize = 0;       // its size by fstat; 0 when unknown
     size_t m_nPos = kCarryRoom;
     size_t m_nEnd = kCarryRoom;
     bool m_bFailed = false;
