@@ -364,7 +364,7 @@ const char *FirstLineForWriter(const char *pcStart, const char *pcStop,
             pcLine = NextWriterCandidate(pcLine, pcStop);
         else if (bEmpty && lineFilter.bPairs && pc < pcStop && *pc == '[' &&
                  !IsShortLine(pcLine + 1, pcStop) && !MayFollow(pc + 1, lineFilter))
-            pcLine = static_cast<const char *>(memchr(pc, '\n', pcStop - pc)) + 1;
+            pcLine = NextWriterCandidate(pc, pcStop); // from inside the section line
         else
             return pcLine;
     }
