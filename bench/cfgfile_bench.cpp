@@ -49,9 +49,9 @@ namespace {
 using cfgbench::BenchFile;
 
 constexpr int kSizes[] = {10, 100, 1000, 10000};
-constexpr size_t kBlockSize = 4096; // the library reads files in blocks of this size
-constexpr size_t kWholeFile = SIZE_MAX;
-constexpr int kNotFound = -1; // every generated value is >= 0
+constexpr size_t kBlockSize = 4096;            // the library reads files in blocks of this size
+constexpr size_t kReadBeforeTypeCheck = 65536; // a lookup asks the type after this much
+constexpr int kNotFound = -1;                  // every generated value is >= 0
 
 std::string g_benchDir;
 
@@ -60,7 +60,7 @@ struct Lookup {
     std::string section;
     std::string key;
     std::string entry; // "section:key" for iniparser
-    size_t nOffset;    // just past the key's line; kWholeFile when it is missing
+    size_t nOffset;    // just past the key's line; the file's size when it is missing
     int nExpected;     // kNotFound when missing
 };
 
@@ -106,7 +106,7 @@ bool FloorRead(const char *szPath, size_t nOffset) {
 }
 
 // The least work of a lookup as the library defines it, on top of the read
-// floor: a file larger than a block is asked its type (fstat), so that a
+// floor: a file that gives 64 KiB is asked its type (fstat), so that a
 // device is refused, and every section line of the bytes read is found (the
 // C library's memchr for "[", and a look at the byte before each). Nothing
 // else of a line is looked at.
@@ -122,7 +122,7 @@ bool ScanRead(const char *szPath, size_t nOffset) {
         if (nRead <= 0)
             break;
         struct stat st;
-        if (nDone == 0 && static_cast<size_t>(nRead) == kBlockSize &&
+        if (nDone < kReadBeforeTypeCheck && nDone + nRead >= kReadBeforeTypeCheck &&
             (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)))
             break;
         const char *pcEnd = block + nRead;
@@ -475,7 +475,7 @@ void RegisterScans(const SizeCase &sizeCase, const std::string &suffix) {
                  });
     Register("enumerate/floor" + suffix, [&sizeCase](benchmark::State &state) {
         for (auto _ : state)
-            FloorRead(sizeCase.readPath.c_str(), kWholeFile);
+            FloorRead(sizeCase.readPath.c_str(), sizeCase.file.text.size());
     });
 
     Register("find_line/ours" + suffix, [&sizeCase](benchmark::State &state) {
@@ -648,8 +648,8 @@ int main(int argc, char **argv) {
                                     sizeCase.file.nFirstKeyEnd, sizeCase.file.nFirstValue);
         sizeCase.last = MakeLookup(sizeCase.file.lastSection, cfgbench::kLastKey,
                                    sizeCase.file.nLastKeyEnd, sizeCase.file.nLastValue);
-        sizeCase.missing =
-            MakeLookup(cfgbench::kMissingSection, cfgbench::kFirstKey, kWholeFile, kNotFound);
+        sizeCase.missing = MakeLookup(cfgbench::kMissingSection, cfgbench::kFirstKey,
+                                      sizeCase.file.text.size(), kNotFound);
         if (!cfgbench::WriteWholeFile(sizeCase.readPath.c_str(), sizeCase.file.text)) {
             perror(sizeCase.readPath.c_str());
             return 1;

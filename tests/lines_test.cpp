@@ -80,6 +80,43 @@ TEST(LinesOfProcfs, ReadsPastShortReads) {
     EXPECT_EQ(wanted, szLine);
 }
 
+// A lookup asks a file's type once it has read 64 KiB: a regular file reads
+// on to its end, and a device that gives bytes without end is refused there
+// by every lookup, as a file that cannot be opened.
+TEST(LargeFiles, LookupsReadOnPastTheTypeCheckAndRefuseDevices) {
+    ScratchDir dir;
+    const std::string file = dir / "big.ini";
+    std::string text;
+    size_t nNamesSize = 0;
+    for (int i = 0; i < 9000; ++i) {
+        const std::string name = "s" + std::to_string(i);
+        text += "[" + name + "]\nkey=" + std::to_string(i) + "\n";
+        nNamesSize += name.size() + 1;
+    }
+    ASSERT_GT(text.size(), 2 * 65536u);
+    WriteFile(file, text);
+    int nValue = 0;
+    EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetIntValue(file.c_str(), "s8999", "key", &nValue, 7));
+    EXPECT_EQ(8999, nValue);
+    size_t nSize = 0;
+    unsigned int nCount = 0;
+    EXPECT_EQ(CFGFILE_SUCCESS,
+              CfgFile_EnumerateSections(file.c_str(), "", nullptr, &nSize, &nCount));
+    EXPECT_EQ(nNamesSize, nSize);
+    char szLine[64];
+    size_t nLineSize = sizeof(szLine);
+    EXPECT_EQ(CFGFILE_SUCCESS,
+              CfgFile_FindLineStartingWith(file.c_str(), "[s8999]", szLine, &nLineSize));
+
+    EXPECT_EQ(CFGFILE_FILE_ACCESS, CfgFile_GetIntValue("/dev/zero", "s1", "key", &nValue, 7));
+    nSize = nCount = 9;
+    EXPECT_EQ(-1, CfgFile_EnumerateSections("/dev/zero", "", nullptr, &nSize, &nCount));
+    EXPECT_EQ(0u, nSize);
+    EXPECT_EQ(0u, nCount);
+    nLineSize = sizeof(szLine);
+    EXPECT_EQ(CFGFILE_FAILURE, CfgFile_FindLineStartingWith("/dev/zero", "x", szLine, &nLineSize));
+}
+
 // Programming errors end the process, naming the failed check and the function.
 TEST(LinesDeathTest, AssertsArguments) {
     PreferFreshProcessDeathTests();

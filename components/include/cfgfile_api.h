@@ -28,6 +28,11 @@
  * A path that is a symbolic link is rewritten at its target; the link stays.
  * Lines longer than the line buffer and lines holding NUL bytes are copied
  * through unchanged, never split, shortened or matched.
+ * Only a regular file is a settings file. A directory, FIFO, socket or device
+ * at the name is treated as a file that cannot be opened, and a change
+ * creates nothing beside it. A lookup asks a file's type once it has read
+ * 64 KiB of it (most files are smaller and never need the call), so a device
+ * is refused only then; what it gave before is read like a file's text.
  *
  * Threads and processes: calls share no memory and take no lock. Callers must
  * serialise changes to one file (the cfgfile tool offers --lock). During the

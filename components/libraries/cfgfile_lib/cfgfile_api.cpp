@@ -413,16 +413,16 @@ class LineReader {
     // Reads the first block of a file, and refuses what is not a regular
     // file (false, errno set): a FIFO, socket or terminal cannot be read at an
     // offset (ESPIPE), a directory not at all (EISDIR). A device (EINVAL) is
-    // told by its type: looked up here when the first read fills the block
-    // (a device may never end) or finds nothing, or with bTypeNow; else when
-    // a read finds more after a short one. A read error other than these is
-    // the reader's failure (Failed()), not a refusal.
+    // told by its type: looked up here when the first read finds nothing, or
+    // with bTypeNow; else once kReadBeforeTypeCheck bytes are read (a device
+    // may never end), or when a read finds more after a short one. A read
+    // error other than these is the reader's failure (Failed()), not a refusal.
     bool Start(bool bTypeNow = false) {
         if (!Refill() && m_bFailed && (m_nErrno == ESPIPE || m_nErrno == EISDIR)) {
             errno = m_nErrno;
             return false;
         }
-        if (m_bFailed || (m_bShortRead && !bTypeNow) || CheckType())
+        if (m_bFailed || (m_nOffset > 0 && !bTypeNow) || CheckType())
             return true;
         errno = m_nErrno;
         return false;
@@ -561,6 +561,9 @@ class LineReader {
     bool LastHoldsNul() const { return memchr(m_pcLast, '\0', m_nLastLength) != nullptr; }
 
     bool Failed() const { return m_bFailed; }
+    // Whether a read found out that this is no regular file: the file is
+    // then treated as one that cannot be opened.
+    bool Refused() const { return m_bRefused; }
     bool LastInBlock() const { return m_bLastInBlock; }
 
     // Calls pfnHook(pContext) before the block is read over, so that a writer
@@ -679,9 +682,10 @@ class LineReader {
         m_bAtEnd = nRead == 0;
         if (nRead <= 0)
             return false;
-        // More after a short read: a regular file that grew, or a device.
-        if (m_bShortRead && !CheckType()) {
-            m_bFailed = true;
+        // More after a short read (a regular file that grew, or a device), or
+        // the file turns out long: its type is looked up.
+        if ((m_bShortRead || m_nOffset + nRead >= kReadBeforeTypeCheck) && !CheckType()) {
+            m_bFailed = m_bRefused = true;
             return false;
         }
         m_bShortRead = static_cast<size_t>(nRead) < nRoom;
@@ -692,6 +696,9 @@ class LineReader {
     }
 
     static constexpr size_t kMaxCopy = size_t(1) << 30;
+    // What a lookup reads before it asks the file's type. Most settings files
+    // are smaller and never need the call; a device is still refused soon.
+    static constexpr off64_t kReadBeforeTypeCheck = 65536;
     int m_fd;
     char *m_block;             // the carry room, then the block
     size_t m_nEndOfBlock;      // index just past the block
@@ -703,6 +710,7 @@ class LineReader {
     size_t m_nPos = kCarryRoom;
     size_t m_nEnd = kCarryRoom;
     bool m_bFailed = false;
+    bool m_bRefused = false;
     bool m_bAtEnd = false;
     bool m_bAtLineStart = true;         // the last read ended with a line feed
     size_t m_nNulSearched = kCarryRoom; // the block is searched for NUL up to here
@@ -1106,7 +1114,9 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     file.Close();
     CFG_TRACE(7, "closed \"%s\".\n", szFileName);
     if (iRetCode != CFGFILE_SUCCESS)
-        iRetCode = bInSection ? CFGFILE_KEY_NOT_FOUND : CFGFILE_SECTION_NOT_FOUND;
+        iRetCode = reader.Refused() ? CFGFILE_FILE_ACCESS
+                   : bInSection     ? CFGFILE_KEY_NOT_FOUND
+                                    : CFGFILE_SECTION_NOT_FOUND;
     CFG_TRACE(7, "Returning iRetCode=%d.\n", iRetCode);
     return iRetCode;
 }
@@ -2226,6 +2236,10 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
         }
         CFG_TRACE(7, "closed \"%s\".\n", szFileName);
         file.Close();
+        if (reader.Refused()) {
+            iRetCode = -1; // as for a file that cannot be opened
+            nBufferOffset = nSectionsCopied = 0;
+        }
     }
     *pnSize = static_cast<size_t>(nBufferOffset);
     *pnCount = nSectionsCopied;
