@@ -106,7 +106,7 @@ bool FloorRead(const char *szPath, size_t nOffset) {
 }
 
 // The least work of a lookup as the library defines it, on top of the read
-// floor: a file that gives 64 KiB is asked its type (fstat), so that a
+// floor: a file that gives more than 64 KiB is asked its type (fstat), so that a
 // device is refused, and every section line of the bytes read is found (the
 // C library's memchr for "[", and a look at the byte before each). Nothing
 // else of a line is looked at.
@@ -122,7 +122,7 @@ bool ScanRead(const char *szPath, size_t nOffset) {
         if (nRead <= 0)
             break;
         struct stat st;
-        if (nDone < kReadBeforeTypeCheck && nDone + nRead >= kReadBeforeTypeCheck &&
+        if (nDone < kReadBeforeTypeCheck && nDone + nRead > kReadBeforeTypeCheck &&
             (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)))
             break;
         const char *pcEnd = block + nRead;

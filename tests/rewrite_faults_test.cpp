@@ -92,4 +92,35 @@ TEST_P(RewriteFaults, SystemCallsGrowWithBlocksNotLines) {
 
 INSTANTIATE_TEST_SUITE_P(AllRewrites, RewriteFaults, ::testing::ValuesIn(kRewrites), RewriteName);
 
+// A read that fails in a lookup: a line it cuts is never taken for a value,
+// and a device is told by its type and refused like a file that cannot be
+// opened. The calls: open, first read, second read.
+TEST(LookupFaults, FailedReadCutsNoValueAndRefusesDevices) {
+    ScratchDir dir;
+    const std::string file = dir / "cut.ini";
+    std::string text = "[net]\n";
+    while (text.size() + 100 <= 4089)
+        text += "# " + std::string(97, 'x') + "\n";
+    text += "#" + std::string(4089 - text.size() - 2, 'x') + "\n";
+    text += "port=12345\n"; // "port=12" ends the first 4 KiB block
+    ASSERT_EQ(4100u, text.size());
+    WriteFile(file, text);
+    const struct {
+        const char *szPath;
+        int nFailedCall;
+        int iResult;
+        int nValue;
+    } kCases[] = {{file.c_str(), 0, CFGFILE_SUCCESS, 12345},
+                  {file.c_str(), 3, CFGFILE_KEY_NOT_FOUND, 7},
+                  {"/dev/zero", 3, CFGFILE_FILE_ACCESS, 7}};
+    for (const auto &c : kCases) {
+        SCOPED_TRACE(std::string(c.szPath) + ", failed call " + std::to_string(c.nFailedCall));
+        CfgFileSeam_Arm(c.nFailedCall, EIO);
+        int nValue = 0;
+        EXPECT_EQ(c.iResult, CfgFile_GetIntValue(c.szPath, "net", "port", &nValue, 7));
+        CfgFileSeam_Arm(0, 0);
+        EXPECT_EQ(c.nValue, nValue);
+    }
+}
+
 } // namespace

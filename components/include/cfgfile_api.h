@@ -30,9 +30,11 @@
  * through unchanged, never split, shortened or matched.
  * Only a regular file is a settings file. A directory, FIFO, socket or device
  * at the name is treated as a file that cannot be opened, and a change
- * creates nothing beside it. A lookup asks a file's type once it has read
- * 64 KiB of it (most files are smaller and never need the call), so a device
- * is refused only then; what it gave before is read like a file's text.
+ * creates nothing beside it. A lookup asks a file's type only when a read
+ * goes past 64 KiB (most files are smaller and never need the call), finds
+ * nothing at first, fails, or finds more after a short one; a device is
+ * refused then. What it gave before (64 KiB at most) is read like a file's
+ * text, and a device that ends within 64 KiB is read like a file.
  *
  * Threads and processes: calls share no memory and take no lock. Callers must
  * serialise changes to one file (the cfgfile tool offers --lock). During the

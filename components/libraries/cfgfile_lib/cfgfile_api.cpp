@@ -470,8 +470,11 @@ class LineReader {
             return 0;
         size_t nLength = 0;
         while (nLength < nCapacity - 1) {
-            if (m_nPos == m_nEnd && !Refill())
+            if (m_nPos == m_nEnd && !Refill()) {
+                if (m_bFailed)
+                    nLength = 0; // a line cut by a failed read is no line
                 break;
+            }
             const size_t nWanted = nCapacity - 1 - nLength;
             const size_t nAvailable = m_nEnd - m_nPos < nWanted ? m_nEnd - m_nPos : nWanted;
             const char *pcStart = m_block + m_nPos;
@@ -678,13 +681,17 @@ class LineReader {
         if (nRead < 0) {
             m_bFailed = true;
             m_nErrno = errno;
+            // A device may fail where a file cannot: after text, its type
+            // tells whether the file is refused or merely cut short.
+            if (m_nOffset > 0 && !CheckType())
+                m_bRefused = true;
         }
         m_bAtEnd = nRead == 0;
         if (nRead <= 0)
             return false;
         // More after a short read (a regular file that grew, or a device), or
         // the file turns out long: its type is looked up.
-        if ((m_bShortRead || m_nOffset + nRead >= kReadBeforeTypeCheck) && !CheckType()) {
+        if ((m_bShortRead || m_nOffset + nRead > kReadBeforeTypeCheck) && !CheckType()) {
             m_bFailed = m_bRefused = true;
             return false;
         }
@@ -696,8 +703,9 @@ class LineReader {
     }
 
     static constexpr size_t kMaxCopy = size_t(1) << 30;
-    // What a lookup reads before it asks the file's type. Most settings files
-    // are smaller and never need the call; a device is still refused soon.
+    // What a lookup reads before it asks the file's type: a read that goes
+    // past it asks. Most settings files are smaller and never need the call;
+    // a device is still refused soon.
     static constexpr off64_t kReadBeforeTypeCheck = 65536;
     int m_fd;
     char *m_block;             // the carry room, then the block
