@@ -422,8 +422,12 @@ class LineReader {
             errno = m_nErrno;
             return false;
         }
-        if (m_bFailed || (m_nOffset > 0 && !bTypeNow) || CheckType())
+        if (m_bFailed || (m_nOffset > 0 && !bTypeNow))
             return true;
+        if (CheckType()) {
+            NoteEndBySize(); // the first read may have been all of the file
+            return true;
+        }
         errno = m_nErrno;
         return false;
     }
@@ -634,7 +638,6 @@ class LineReader {
         }
         m_bRegular = true;
         m_nSize = st.st_size;
-        NoteEndBySize();
         return true;
     }
 
