@@ -22,7 +22,9 @@ struct Rewrite {
 };
 
 // Names the case in test output.
-inline void PrintTo(const Rewrite &rewrite, std::ostream *pOut) { *pOut << rewrite.name; }
+inline void PrintTo(const Rewrite &rewrite, std::ostream *pOut) {
+    *pOut << rewrite.name;
+}
 
 inline constexpr char kInput[] = "[net]\nport=80\nhost=a\n# keep\n[video]\nmode=1080\n";
 

@@ -182,6 +182,7 @@ struct LineFilter {
     bool bShortLines;        // the writer's look: short lines and section lines
     bool bPairs;             // (writer) an empty line and a section line after it may pass
     bool bLeaveOut;          // a rewrite leaves the lines passed out instead of copying them
+    bool bTailFirst = false; // follow holds no line feed: its last byte may be compared first
 
     // Whether lines holding NUL bytes may not pass. Such a line is never
     // looked into, only copied whole; so passing it unread is the same unless
@@ -192,14 +193,24 @@ struct LineFilter {
 
 constexpr LineFilter kLookAtEveryLine{false, 0, {}, false, false, false, false};
 
+// Whether follow text may be compared from its last byte: it holds no line
+// feed, so that it can only match within one line.
+constexpr bool TailFirst(std::string_view follow) {
+    for (const char c : follow)
+        if (c == '\n')
+            return false;
+    return !follow.empty();
+}
+
 // Section lines; with a name, only those that may name it.
 constexpr LineFilter SectionLines(std::string_view name = {}, bool bLeaveOut = false) {
-    return {true, '[', name, true, false, false, bLeaveOut};
+    return {true, '[', name, true, false, false, bLeaveOut, TailFirst(name)};
 }
 
 // Lines that may begin with szPrefix (not empty) after their blanks.
 constexpr LineFilter PrefixedLines(std::string_view prefix) {
-    return {true, prefix[0], {prefix.data() + 1, prefix.size() - 1}, false, false, false, false};
+    const std::string_view follow(prefix.data() + 1, prefix.size() - 1);
+    return {true, prefix[0], follow, false, false, false, false, TailFirst(follow)};
 }
 
 // Whether two bytes of which one lies outside ASCII are the same letter to
@@ -219,17 +230,26 @@ inline bool SameLetter(unsigned char c1, unsigned char c2) {
     return (c1 ^ c2) == 0x20 && cLower >= 'a' && cLower <= 'z';
 }
 
-// Whether the text at pc, in a line that ends in a line feed, may begin with
-// the filter's follow text. A section line's name is trimmed and compared
-// without regard to case (the locale's, like strcasecmp), so a name that
-// differs before the end of follow can never match it.
-inline bool MayFollow(const char *pc, const LineFilter &lineFilter) {
+// Whether the text at pc, in a line that ends in a line feed before pcStop,
+// may begin with the filter's follow text. A section line's name is trimmed
+// and compared without regard to case (the locale's, like strcasecmp), so a
+// name that differs before the end of follow can never match it.
+inline bool MayFollow(const char *pc, const char *pcStop, const LineFilter &lineFilter) {
+    const auto same = [&](char c1, char c2) {
+        return lineFilter.bSectionName ? SameLetter(c1, c2) : c1 == c2;
+    };
     if (lineFilter.bSectionName)
         while (*pc == ' ')
             ++pc;
+    // Numbered names share their beginnings and differ at their ends.
+    if (lineFilter.bTailFirst) {
+        const size_t nLength = lineFilter.follow.size();
+        if (static_cast<size_t>(pcStop - pc) < nLength ||
+            !same(pc[nLength - 1], lineFilter.follow.back()))
+            return false;
+    }
     for (const char c : lineFilter.follow) {
-        const bool bSame = lineFilter.bSectionName ? SameLetter(*pc, c) : *pc == c;
-        if (!bSame)
+        if (!same(*pc, c))
             return false;
         if (*pc == '\n')
             return true; // never past the end of the line
@@ -238,26 +258,77 @@ inline bool MayFollow(const char *pc, const LineFilter &lineFilter) {
     return true;
 }
 
+// A cheap first look at the byte after a hit, which most hits fail: it may
+// begin follow when it is follow's first byte; before a section name also
+// that letter in the other case, a blank, or a byte outside ASCII (the
+// locale's letters). MayFollow then looks at the whole text.
+struct LeadByte {
+    bool bAny;              // no first byte to look at
+    bool bNameRules;        // before a section name
+    unsigned char cCaseBit; // 0x20 when follow begins with an ASCII letter of a name
+    unsigned char cFolded;  // follow's first byte, with cCaseBit set
+
+    static LeadByte Of(const LineFilter &lineFilter) {
+        const bool bAny = lineFilter.follow.empty() || lineFilter.cFirst == '\n' ||
+                          (lineFilter.bSectionName && lineFilter.follow[0] & 0x80);
+        if (bAny)
+            return {true, false, 0, 0};
+        const unsigned char c = lineFilter.follow[0];
+        const unsigned char cLower = c | 0x20;
+        const bool bLetter = lineFilter.bSectionName && cLower >= 'a' && cLower <= 'z';
+        return {false, lineFilter.bSectionName, static_cast<unsigned char>(bLetter ? 0x20 : 0),
+                bLetter ? cLower : c};
+    }
+
+    bool MayBegin(unsigned char c) const {
+        return bAny || (c | cCaseBit) == cFolded || (bNameRules && (c == ' ' || c >= 0x80));
+    }
+};
+
+// The line that a hit at pcHit, which passed the lead byte test, marks: its
+// start; or, for a hit inside a line longer than nMaxRead bytes, that line's
+// start, since the line is read in pieces that each count as a line; nullptr
+// when it marks none. pcKnownLine is a line start before pcHit, moved on.
+__attribute__((noinline)) const char *MarkedLineAt(const char *pcStart, const char *pcStop,
+                                                   const char *pcHit, const LineFilter &lineFilter,
+                                                   size_t nMaxRead, const char *&pcKnownLine) {
+    // A line feed ends its line: no text of follow comes after it there.
+    if (*pcHit == '\n' && !lineFilter.follow.empty())
+        return nullptr;
+    if (!MayFollow(pcHit + 1, pcStop, lineFilter))
+        return nullptr;
+    const char *pcLine = pcHit;
+    while (pcLine > pcStart && pcLine[-1] == ' ')
+        --pcLine;
+    if (pcLine == pcStart || pcLine[-1] == '\n')
+        return pcLine;
+    // Inside a line (rare): only far into a long line may a piece begin here.
+    if (static_cast<size_t>(pcHit - pcKnownLine) < nMaxRead)
+        return nullptr;
+    const void *pvNewline = memrchr(pcKnownLine, '\n', pcHit - pcKnownLine);
+    if (pvNewline != nullptr)
+        pcKnownLine = static_cast<const char *>(pvNewline) + 1;
+    return static_cast<size_t>(pcHit - pcKnownLine) >= nMaxRead ? pcKnownLine : nullptr;
+}
+
 // The start of the first line in [pcStart, pcStop) that the filter's cFirst
-// and follow mark; pcStop when there is none. pcStart is a line start and
+// and follow mark, or of a line longer than nMaxRead bytes with a piece
+// that may be marked; pcStop when there is none. pcStart is a line start and
 // pcStop - 1 a line feed.
-const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineFilter &lineFilter) {
-    const LineFilter filter = lineFilter; // kept in registers across memchr
+const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineFilter &lineFilter,
+                            size_t nMaxRead) {
+    const LeadByte lead = LeadByte::Of(lineFilter);
+    const char cFirst = lineFilter.cFirst;
+    const char *pcKnownLine = pcStart;
     for (const char *pcFrom = pcStart; pcFrom < pcStop;) {
-        const char *pcHit =
-            static_cast<const char *>(memchr(pcFrom, filter.cFirst, pcStop - pcFrom));
+        const char *pcHit = static_cast<const char *>(memchr(pcFrom, cFirst, pcStop - pcFrom));
         if (pcHit == nullptr)
             break;
         pcFrom = pcHit + 1;
-        // A line feed ends its line: no text of follow comes after it there.
-        if (*pcHit == '\n' && !filter.follow.empty())
+        if (!lead.MayBegin(pcHit[1]))
             continue;
-        if (!MayFollow(pcHit + 1, filter))
-            continue; // the cheaper test first: most hits fail it
-        const char *pcLine = pcHit;
-        while (pcLine > pcStart && pcLine[-1] == ' ')
-            --pcLine;
-        if (pcLine == pcStart || pcLine[-1] == '\n')
+        if (const char *pcLine =
+                MarkedLineAt(pcStart, pcStop, pcHit, lineFilter, nMaxRead, pcKnownLine))
             return pcLine;
     }
     return pcStop;
@@ -363,7 +434,7 @@ const char *FirstLineForWriter(const char *pcStart, const char *pcStop,
         if (!bEmpty && *pc != '[' && !IsShortLine(pcLine, pcStop))
             pcLine = NextWriterCandidate(pcLine, pcStop);
         else if (bEmpty && lineFilter.bPairs && pc < pcStop && *pc == '[' &&
-                 !IsShortLine(pcLine + 1, pcStop) && !MayFollow(pc + 1, lineFilter))
+                 !IsShortLine(pcLine + 1, pcStop) && !MayFollow(pc + 1, pcStop, lineFilter))
             pcLine = NextWriterCandidate(pc, pcStop); // from inside the section line
         else
             return pcLine;
@@ -392,13 +463,21 @@ const char *FirstLongLine(const char *pcStart, const char *pcStop, size_t nMaxRe
 constexpr size_t kLookupBlockSize = 4096;
 constexpr size_t kRewriteBlockSize = 16384;
 
+// The kernel copies a read faster into a block that starts on a cache line.
+constexpr size_t kBlockAlignment = 64;
+
 // Room before the block for the unfinished line that ended the block before:
 // it moves there, so that it can pass with the lines after it. A longer one
 // stays where it is and is put together across the blocks, as any read is.
-constexpr size_t kCarryRoom = 1200;
+// At least the longest line read whole (1199 bytes); the block after it stays
+// aligned.
+constexpr size_t kCarryRoom = 1216;
+static_assert(kCarryRoom >= kLongLineBufferSize - 1 && kCarryRoom % kBlockAlignment == 0);
 
 // The buffer of a reader of nBlockSize blocks: carry room, block, terminator.
-template <size_t nBlockSize> using ReaderBuffer = char[kCarryRoom + nBlockSize + 1];
+template <size_t nBlockSize> struct alignas(kBlockAlignment) ReaderBuffer {
+    char bytes[kCarryRoom + nBlockSize + 1];
+};
 
 // Reads a file line by line like fgets, through the caller's block buffer,
 // and tells the true length of every read, NUL bytes included. A read that
@@ -406,9 +485,9 @@ template <size_t nBlockSize> using ReaderBuffer = char[kCarryRoom + nBlockSize +
 // stands in for the next byte until the following call: no copy per line.
 class LineReader {
   public:
-    // buffer: a ReaderBuffer, the carry room, then the blocks read into it.
-    LineReader(int fd, std::span<char> buffer)
-        : m_fd(fd), m_block(buffer.data()), m_nEndOfBlock(buffer.size() - 1) {}
+    template <size_t nBlockSize>
+    LineReader(int fd, ReaderBuffer<nBlockSize> &buffer)
+        : m_fd(fd), m_block(buffer.bytes), m_nEndOfBlock(sizeof(buffer.bytes) - 1) {}
 
     // Reads the first block of a file, and refuses what is not a regular
     // file (false, errno set): a FIFO, socket or terminal cannot be read at an
@@ -515,14 +594,20 @@ class LineReader {
             return {};
         const char *pcStart = m_block + m_nPos;
         const char *pcStop = pvLastNewline ? static_cast<const char *>(pvLastNewline) + 1 : pcStart;
-        pcStop = lineFilter.bShortLines ? FirstLineForWriter(pcStart, pcStop, lineFilter)
-                                        : FirstMarkedLine(pcStart, pcStop, lineFilter);
-        const char *pcLong = FirstLongLine(pcStart, pcStop, nCapacity - 1);
-        // An empty line never passes without the section line after it.
-        if (pcLong < pcStop && lineFilter.bShortLines && pcLong > pcStart &&
-            (pcLong - 1 == pcStart || pcLong[-2] == '\n'))
-            --pcLong;
-        pcStop = pcLong;
+        pcStop = lineFilter.bShortLines
+                     ? FirstLineForWriter(pcStart, pcStop, lineFilter)
+                     : FirstMarkedLine(pcStart, pcStop, lineFilter, nCapacity - 1);
+        // A long line left out or written by the writer must be read in
+        // pieces (its last piece is always kept); others only where a marked
+        // piece may begin, which FirstMarkedLine tells.
+        if (lineFilter.bShortLines || lineFilter.bLeaveOut) {
+            const char *pcLong = FirstLongLine(pcStart, pcStop, nCapacity - 1);
+            // An empty line never passes without the section line after it.
+            if (pcLong < pcStop && lineFilter.bShortLines && pcLong > pcStart &&
+                (pcLong - 1 == pcStart || pcLong[-2] == '\n'))
+                --pcLong;
+            pcStop = pcLong;
+        }
         m_nPos = pcStop - m_block;
         return {pcStart, static_cast<size_t>(pcStop - pcStart)};
     }
@@ -1717,7 +1802,8 @@ class ValueWriter {
     LineFilter Passable() const {
         if (m_bInSection)
             return kLookAtEveryLine;
-        return {true, '[', m_szSection, true, true, !m_bFirstSection, false};
+        return {
+            true, '[', m_szSection, true, true, !m_bFirstSection, false, TailFirst(m_szSection)};
     }
 
     Verdict Classify(const RewriteLine &line, OutputFile &out) {
