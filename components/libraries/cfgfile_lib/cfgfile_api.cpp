@@ -285,6 +285,34 @@ struct LeadByte {
     }
 };
 
+// Sixteen bytes at a time, on every target GCC vectorises for.
+using Bytes16 = unsigned char __attribute__((vector_size(16)));
+
+inline Bytes16 Load16(const char *pc) {
+    Bytes16 v;
+    memcpy(&v, pc, sizeof(v));
+    return v;
+}
+
+// A comparison of 16 bytes as a bit mask: kMaskBitsPerByte bits per byte,
+// the first byte lowest. x86-64 has an instruction for it (one bit a byte);
+// AArch64 narrows the comparison to four bits a byte. Elsewhere the writer's
+// scan goes byte by byte.
+#if defined(__SSE2__)
+#define CFGFILE_BYTE_MASKS 1
+constexpr int kMaskBitsPerByte = 1;
+inline uint64_t MaskOf(Bytes16 compared) {
+    return static_cast<uint16_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(compared)));
+}
+#elif defined(__ARM_NEON)
+#define CFGFILE_BYTE_MASKS 1
+constexpr int kMaskBitsPerByte = 4;
+inline uint64_t MaskOf(Bytes16 compared) {
+    const uint8x8_t narrowed = vshrn_n_u16(vreinterpretq_u16_u8(uint8x16_t(compared)), 4);
+    return vget_lane_u64(vreinterpret_u64_u8(narrowed), 0);
+}
+#endif
+
 // The line that a hit at pcHit, which passed the lead byte test, marks: its
 // start; or, for a hit inside a line longer than nMaxRead bytes, that line's
 // start, since the line is read in pieces that each count as a line; nullptr
@@ -320,15 +348,36 @@ const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineF
     const LeadByte lead = LeadByte::Of(lineFilter);
     const char cFirst = lineFilter.cFirst;
     const char *pcKnownLine = pcStart;
-    for (const char *pcFrom = pcStart; pcFrom < pcStop;) {
-        const char *pcHit = static_cast<const char *>(memchr(pcFrom, cFirst, pcStop - pcFrom));
+    const auto lineMarkedBy = [&](const char *pcHit) -> const char * {
+        if (!lead.MayBegin(pcHit[1]))
+            return nullptr;
+        return MarkedLineAt(pcStart, pcStop, pcHit, lineFilter, nMaxRead, pcKnownLine);
+    };
+    const char *pc = pcStart;
+#ifdef CFGFILE_BYTE_MASKS
+    // Hits may be a line apart: a search that starts again after each one
+    // costs more than one pass that walks the hits of every 64-byte window.
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
+    constexpr int B = kMaskBitsPerByte;
+    constexpr uint64_t kByteBits = B == 1 ? ~uint64_t(0) : 0x8888888888888888; // one bit a byte
+    const Bytes16 wanted = Bytes16{} + static_cast<unsigned char>(cFirst);
+    for (; pcStop - pc >= 64; pc += 64) {
+        if (MaskOf((Load16(pc) == wanted) | (Load16(pc + 16) == wanted) |
+                   (Load16(pc + 32) == wanted) | (Load16(pc + 48) == wanted)) == 0)
+            continue;
+        for (int k = 0; k < 64; k += 16)
+            for (uint64_t nMask = MaskOf(Load16(pc + k) == wanted) & kByteBits; nMask != 0;
+                 nMask &= nMask - 1)
+                if (const char *pcLine = lineMarkedBy(pc + k + __builtin_ctzll(nMask) / B))
+                    return pcLine;
+    }
+#endif
+    while (pc < pcStop) {
+        const char *pcHit = static_cast<const char *>(memchr(pc, cFirst, pcStop - pc));
         if (pcHit == nullptr)
             break;
-        pcFrom = pcHit + 1;
-        if (!lead.MayBegin(pcHit[1]))
-            continue;
-        if (const char *pcLine =
-                MarkedLineAt(pcStart, pcStop, pcHit, lineFilter, nMaxRead, pcKnownLine))
+        pc = pcHit + 1;
+        if (const char *pcLine = lineMarkedBy(pcHit))
             return pcLine;
     }
     return pcStop;
@@ -348,34 +397,6 @@ inline bool IsShortLine(const char *pcLine, const char *pcStop) {
 inline bool MayNeedWriterLook(const char *pcLine, const char *pcStop) {
     return IsShortLine(pcLine, pcStop) || *pcLine == '[' || *pcLine == ' ';
 }
-
-// Sixteen bytes at a time, on every target GCC vectorises for.
-using Bytes16 = unsigned char __attribute__((vector_size(16)));
-
-inline Bytes16 Load16(const char *pc) {
-    Bytes16 v;
-    memcpy(&v, pc, sizeof(v));
-    return v;
-}
-
-// A comparison of 16 bytes as a bit mask: kMaskBitsPerByte bits per byte,
-// the first byte lowest. x86-64 has an instruction for it (one bit a byte);
-// AArch64 narrows the comparison to four bits a byte. Elsewhere the writer's
-// scan goes byte by byte.
-#if defined(__SSE2__)
-#define CFGFILE_BYTE_MASKS 1
-constexpr int kMaskBitsPerByte = 1;
-inline uint64_t MaskOf(Bytes16 compared) {
-    return static_cast<uint16_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(compared)));
-}
-#elif defined(__ARM_NEON)
-#define CFGFILE_BYTE_MASKS 1
-constexpr int kMaskBitsPerByte = 4;
-inline uint64_t MaskOf(Bytes16 compared) {
-    const uint8x8_t narrowed = vshrn_n_u16(vreinterpretq_u16_u8(uint8x16_t(compared)), 4);
-    return vget_lane_u64(vreinterpret_u64_u8(narrowed), 0);
-}
-#endif
 
 // The start of the first line after pc, in [pc, pcStop) of whole lines,
 // that may need the writer's look; pcStop when there is none. A line feed
