@@ -13,7 +13,8 @@
 //   rewrite/streamed                  the protocol floor with the file passed
 //                                     through the rewrite's fixed block
 // Implementations: ours, floor, scan (lookups: the floor plus finding every
-// section line), inih (lookups only), iniparser, glib.
+// section line), inih (lookups only), iniparser, glib; and "paired": ours and
+// the floor timed in turns, reporting the median ratio of the turns.
 //
 // Files lie in $BENCH_DIR (default /dev/shm/cfgfile-bench), so one binary
 // measures a tmpfs and a disk file system alike. Times are wall-clock: a
@@ -56,6 +57,7 @@ constexpr size_t kBlockSize = 4096; // the library reads files in blocks of this
 constexpr size_t kBlockAlignment = 64;
 constexpr size_t kReadBeforeTypeCheck = 65536; // a lookup asks the type after this much
 constexpr int kNotFound = -1;                  // every generated value is >= 0
+constexpr int kLookupBatch = 8; // lookups per side and turn of a paired benchmark
 
 std::string g_benchDir;
 
@@ -404,6 +406,50 @@ void RunWrite(benchmark::State &state, const WriteTarget &target, const WriteFun
     }
 }
 
+// One side of a paired benchmark: a call, and whether it did its job.
+using Call = std::function<bool()>;
+
+double SecondsOf(int nCalls, const Call &fnCall, const std::function<void()> &fnAfter, bool &bOk) {
+    double dSeconds = 0;
+    for (int i = 0; i < nCalls && bOk; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        bOk = fnCall();
+        dSeconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (fnAfter)
+            fnAfter();
+    }
+    return dSeconds;
+}
+
+// Times ours and the floor in turns of nBatch calls each, the side that goes
+// first alternating, and reports the median of the turns' ratios ours/floor
+// as the counter "paired". Both sides of a turn meet the same state of the
+// machine, which on a shared machine drifts by more than the fastest runs of
+// two separate benchmarks can tell apart. fnAfterOurs and fnAfterFloor run
+// untimed after each call (putting the file back).
+void RunPaired(benchmark::State &state, int nBatch, const Call &fnOurs, const Call &fnFloor,
+               const std::function<void()> &fnAfterOurs = {},
+               const std::function<void()> &fnAfterFloor = {}) {
+    std::vector<double> ratios;
+    bool bOk = true;
+    for (auto _ : state) {
+        const bool bOursFirst = ratios.size() % 2 == 0;
+        const double dFirst = SecondsOf(nBatch, bOursFirst ? fnOurs : fnFloor,
+                                        bOursFirst ? fnAfterOurs : fnAfterFloor, bOk);
+        const double dSecond = SecondsOf(nBatch, bOursFirst ? fnFloor : fnOurs,
+                                         bOursFirst ? fnAfterFloor : fnAfterOurs, bOk);
+        if (!bOk) {
+            state.SkipWithError("call failed");
+            return;
+        }
+        const double dOurs = bOursFirst ? dFirst : dSecond;
+        ratios.push_back(dOurs / (dFirst + dSecond - dOurs));
+        state.SetIterationTime(dFirst + dSecond); // the benchmark's time is a turn's
+    }
+    std::sort(ratios.begin(), ratios.end());
+    state.counters["paired"] = ratios.empty() ? 0 : ratios[ratios.size() / 2];
+}
+
 // ------------------------------------------------------------ registration
 
 // Everything a file of one size is benchmarked with.
@@ -459,13 +505,24 @@ void RegisterLookups(const SizeCase &sizeCase, const std::string &suffix) {
     } kOps[] = {{"get_first", &sizeCase.first},
                 {"get_last", &sizeCase.last},
                 {"get_missing", &sizeCase.missing}};
-    for (const auto &op : kOps)
+    for (const auto &op : kOps) {
         for (const auto &impl : kImpls)
             Register(
                 std::string(op.szOp) + "/" + impl.szImpl + suffix,
                 [&sizeCase, &lookup = *op.pLookup, pfnGet = impl.pfnGet](benchmark::State &state) {
                     RunLookup(state, pfnGet, sizeCase.readPath.c_str(), lookup);
                 });
+        Register(
+            std::string(op.szOp) + "/paired" + suffix,
+            [&sizeCase, &lookup = *op.pLookup](benchmark::State &state) {
+                const char *szPath = sizeCase.readPath.c_str();
+                RunPaired(
+                    state, kLookupBatch,
+                    [&] { return OursGet(szPath, lookup) == lookup.nExpected; },
+                    [&] { return FloorRead(szPath, lookup.nOffset); });
+            },
+            true);
+    }
 }
 
 void RegisterScans(const SizeCase &sizeCase, const std::string &suffix) {
@@ -587,6 +644,33 @@ void RegisterWrite(const std::string &name, WriteTarget target, WriteFunction fn
         true);
 }
 
+// Registers ours and the rewrite floor of one write operation, timed in turns.
+void RegisterPairedWrite(const std::string &name, const WriteOperation &op,
+                         const std::string &stem, const BenchFile &file) {
+    const WriteTarget ours = MakeWriteTarget(stem + "paired-ours", file);
+    const WriteTarget floor = MakeWriteTarget(stem + "paired-floor", file);
+    auto pBuffer = std::make_shared<std::vector<char>>(file.text.size() + kBlockSize +
+                                                       kBlockAlignment);
+    Register(
+        name,
+        [&op, ours, floor, pBuffer](benchmark::State &state) {
+            if (!cfgbench::WriteWholeFile(ours.path.c_str(), ours.pFile->text) ||
+                !cfgbench::WriteWholeFile(floor.path.c_str(), floor.pFile->text)) {
+                state.SkipWithError("cannot write the file");
+                return;
+            }
+            int64_t nIteration = 0;
+            const auto fnRestore = [&] {
+                if (op.bOursRestores)
+                    cfgbench::WriteWholeFile(ours.path.c_str(), ours.pFile->text);
+            };
+            RunPaired(
+                state, 1, [&] { return op.fnOurs(ours.path.c_str(), *ours.pFile, nIteration++); },
+                [&] { return FloorRewrite(floor, *pBuffer, RewriteFloor::Floor); }, fnRestore);
+        },
+        true);
+}
+
 void RegisterWrites(const SizeCase &sizeCase, const std::string &suffix) {
     static const std::vector<WriteOperation> kOperations = MakeWriteOperations();
     const std::string size = suffix.substr(1);
@@ -615,6 +699,7 @@ void RegisterWrites(const SizeCase &sizeCase, const std::string &suffix) {
                     t, [&](GKeyFile *pKeyFile) { return op.fnGlib(pKeyFile, *t.pFile); });
             },
             true);
+        RegisterPairedWrite(fnName("paired"), op, stem, sizeCase.file);
     }
     const struct {
         RewriteFloor kind;
