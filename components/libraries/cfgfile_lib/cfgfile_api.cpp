@@ -37,7 +37,7 @@
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
-#elif defined(__ARM_NEON)
+#elif defined(__ARM_NEON) && defined(__aarch64__)
 #include <arm_neon.h>
 #endif
 
@@ -297,19 +297,39 @@ inline Bytes16 Load16(const char *pc) {
 // A comparison of 16 bytes as a bit mask: kMaskBitsPerByte bits per byte,
 // the first byte lowest. x86-64 has an instruction for it (one bit a byte);
 // AArch64 narrows the comparison to four bits a byte. Elsewhere the writer's
-// scan goes byte by byte.
+// scan goes byte by byte, and a lookup's search calls memchr.
 #if defined(__SSE2__)
 #define CFGFILE_BYTE_MASKS 1
 constexpr int kMaskBitsPerByte = 1;
 inline uint64_t MaskOf(Bytes16 compared) {
     return static_cast<uint16_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(compared)));
 }
-#elif defined(__ARM_NEON)
+#elif defined(__ARM_NEON) && defined(__aarch64__)
 #define CFGFILE_BYTE_MASKS 1
 constexpr int kMaskBitsPerByte = 4;
 inline uint64_t MaskOf(Bytes16 compared) {
     const uint8x8_t narrowed = vshrn_n_u16(vreinterpretq_u16_u8(uint8x16_t(compared)), 4);
     return vget_lane_u64(vreinterpret_u64_u8(narrowed), 0);
+}
+#endif
+
+#ifdef CFGFILE_BYTE_MASKS
+// The bytes of the 64 at pc that equal those of wanted, one bit a byte, the
+// first byte lowest.
+inline uint64_t WindowMask(const char *pc, Bytes16 wanted) {
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
+#if defined(__SSE2__)
+    return MaskOf(Load16(pc) == wanted) | MaskOf(Load16(pc + 16) == wanted) << 16 |
+           MaskOf(Load16(pc + 32) == wanted) << 32 | MaskOf(Load16(pc + 48) == wanted) << 48;
+#else
+    // Each byte keeps its own bit of eight; three pairwise additions gather them.
+    const uint8x16_t bits = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
+    uint8x16_t sums[4];
+    for (int k = 0; k < 4; ++k)
+        sums[k] = vandq_u8(uint8x16_t(Load16(pc + 16 * k) == wanted), bits);
+    const uint8x16_t halves = vpaddq_u8(vpaddq_u8(sums[0], sums[1]), vpaddq_u8(sums[2], sums[3]));
+    return vgetq_lane_u64(vreinterpretq_u64_u8(vpaddq_u8(halves, halves)), 0);
+#endif
 }
 #endif
 
@@ -357,19 +377,14 @@ const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineF
 #ifdef CFGFILE_BYTE_MASKS
     // Hits may be a line apart: a search that starts again after each one
     // costs more than one pass that walks the hits of every 64-byte window.
-    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
-    constexpr int B = kMaskBitsPerByte;
-    constexpr uint64_t kByteBits = B == 1 ? ~uint64_t(0) : 0x8888888888888888; // one bit a byte
     const Bytes16 wanted = Bytes16{} + static_cast<unsigned char>(cFirst);
     for (; pcStop - pc >= 64; pc += 64) {
         if (MaskOf((Load16(pc) == wanted) | (Load16(pc + 16) == wanted) |
                    (Load16(pc + 32) == wanted) | (Load16(pc + 48) == wanted)) == 0)
             continue;
-        for (int k = 0; k < 64; k += 16)
-            for (uint64_t nMask = MaskOf(Load16(pc + k) == wanted) & kByteBits; nMask != 0;
-                 nMask &= nMask - 1)
-                if (const char *pcLine = lineMarkedBy(pc + k + __builtin_ctzll(nMask) / B))
-                    return pcLine;
+        for (uint64_t nMask = WindowMask(pc, wanted); nMask != 0; nMask &= nMask - 1)
+            if (const char *pcLine = lineMarkedBy(pc + __builtin_ctzll(nMask)))
+                return pcLine;
     }
 #endif
     while (pc < pcStop) {
