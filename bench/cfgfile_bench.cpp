@@ -40,6 +40,9 @@
 
 #include <fcntl.h>
 #include <strings.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -111,10 +114,43 @@ bool FloorRead(const char *szPath, size_t nOffset) {
     return nRead >= 0;
 }
 
+// The "[" of [pcStart, pcStop) at the start of a line, found the fastest way
+// known here: 64 bytes at a time on x86-64, with a look at the byte before
+// each hit; elsewhere with the C library's memchr.
+size_t CountSectionLines(const char *pcStart, const char *pcStop) {
+    size_t nSections = 0;
+    const char *pc = pcStart;
+    const auto count = [&](const char *pcHit) {
+        nSections += pcHit == pcStart || pcHit[-1] == '\n';
+    };
+#if defined(__SSE2__)
+    const __m128i bracket = _mm_set1_epi8('[');
+    const auto hits = [&](const char *pcAt) {
+        return _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(pcAt)), bracket);
+    };
+    const auto maskOf = [&](const char *pcAt) {
+        return static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(hits(pcAt))));
+    };
+    for (; pcStop - pc >= 64; pc += 64) {
+        // Most windows hold no "[": one test of all four parts first.
+        if (_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(hits(pc), hits(pc + 16)),
+                                           _mm_or_si128(hits(pc + 32), hits(pc + 48)))) == 0)
+            continue;
+        const uint64_t nMask =
+            maskOf(pc) | maskOf(pc + 16) << 16 | maskOf(pc + 32) << 32 | maskOf(pc + 48) << 48;
+        for (uint64_t nBits = nMask; nBits != 0; nBits &= nBits - 1)
+            count(pc + __builtin_ctzll(nBits));
+    }
+#endif
+    for (; (pc = static_cast<const char *>(memchr(pc, '[', pcStop - pc))); ++pc)
+        count(pc);
+    return nSections;
+}
+
 // The least work of a lookup as the library defines it, on top of the read
 // floor: a file that gives more than 64 KiB is asked its type (fstat), so that a
-// device is refused, and every section line of the bytes read is found (the
-// C library's memchr for "[", and a look at the byte before each). Nothing
+// device is refused, and every section line of the bytes read is found
+// (CountSectionLines). Nothing
 // else of a line is looked at.
 bool ScanRead(const char *szPath, size_t nOffset) {
     alignas(kBlockAlignment) char block[kBlockSize];
@@ -131,10 +167,7 @@ bool ScanRead(const char *szPath, size_t nOffset) {
         if (nDone < kReadBeforeTypeCheck && nDone + nRead > kReadBeforeTypeCheck &&
             (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)))
             break;
-        const char *pcEnd = block + nRead;
-        for (const char *pc = block; (pc = static_cast<const char *>(memchr(pc, '[', pcEnd - pc)));
-             ++pc)
-            nSections += pc == block || pc[-1] == '\n';
+        nSections += CountSectionLines(block, block + nRead);
         nDone += static_cast<size_t>(nRead);
     }
     benchmark::DoNotOptimize(nSections);
