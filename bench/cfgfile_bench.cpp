@@ -558,6 +558,13 @@ void RegisterLookups(const SizeCase &sizeCase, const std::string &suffix) {
     }
 }
 
+bool OursFindLine(const SizeCase &sizeCase) {
+    char szLine[1200];
+    size_t nSize = sizeof(szLine);
+    return CfgFile_FindLineStartingWith(sizeCase.readPath.c_str(), sizeCase.file.findPrefix.c_str(),
+                                        szLine, &nSize) == CFGFILE_SUCCESS;
+}
+
 void RegisterScans(const SizeCase &sizeCase, const std::string &suffix) {
     const int nSections =
         static_cast<int>(std::count(sizeCase.file.text.begin(), sizeCase.file.text.end(), '['));
@@ -578,13 +585,19 @@ void RegisterScans(const SizeCase &sizeCase, const std::string &suffix) {
             FloorRead(sizeCase.readPath.c_str(), sizeCase.file.text.size());
     });
 
+    Register(
+        "enumerate/paired" + suffix,
+        [&sizeCase, nSections](benchmark::State &state) {
+            const char *szPath = sizeCase.readPath.c_str();
+            RunPaired(
+                state, kLookupBatch, [&] { return OursEnumerate(szPath) == nSections; },
+                [&] { return FloorRead(szPath, sizeCase.file.text.size()); });
+        },
+        true);
+
     Register("find_line/ours" + suffix, [&sizeCase](benchmark::State &state) {
-        char szLine[1200];
         for (auto _ : state) {
-            size_t nSize = sizeof(szLine);
-            if (CfgFile_FindLineStartingWith(sizeCase.readPath.c_str(),
-                                             sizeCase.file.findPrefix.c_str(), szLine,
-                                             &nSize) != CFGFILE_SUCCESS) {
+            if (!OursFindLine(sizeCase)) {
                 state.SkipWithError("line not found");
                 break;
             }
@@ -594,6 +607,14 @@ void RegisterScans(const SizeCase &sizeCase, const std::string &suffix) {
         for (auto _ : state)
             FloorRead(sizeCase.readPath.c_str(), sizeCase.file.nFindLineEnd);
     });
+    Register(
+        "find_line/paired" + suffix,
+        [&sizeCase](benchmark::State &state) {
+            RunPaired(
+                state, kLookupBatch, [&] { return OursFindLine(sizeCase); },
+                [&] { return FloorRead(sizeCase.readPath.c_str(), sizeCase.file.nFindLineEnd); });
+        },
+        true);
 }
 
 // The same change made by each implementation that writes.

@@ -146,7 +146,7 @@ def verdict(times, op, lines):
     misses = []
     if to_floor > limit:
         defined = ratio(defined_of(times, op, lines), floor_of(times, op, lines))
-        misses.append("%.2fx floor%s > %.1fx%s" % (
+        misses.append("%.3fx floor%s > %.1fx%s" % (
             to_floor, " (paired)" if paired_of(times, op, lines) else "", limit,
             "" if defined is None else ", defined work %.2fx" % defined))
     if slower:

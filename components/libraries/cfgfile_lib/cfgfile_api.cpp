@@ -294,42 +294,36 @@ inline Bytes16 Load16(const char *pc) {
     return v;
 }
 
-// A comparison of 16 bytes as a bit mask: kMaskBitsPerByte bits per byte,
-// the first byte lowest. x86-64 has an instruction for it (one bit a byte);
-// AArch64 narrows the comparison to four bits a byte. Elsewhere the writer's
-// scan goes byte by byte, and a lookup's search calls memchr.
+// What comparing two of them gives: all bits of a byte set where they are equal.
+using Compared16 = signed char __attribute__((vector_size(16)));
+
+// Whether any byte of a comparison of 16 bytes is set, and the bytes of 64
+// that pass a test as a bit mask (one bit a byte, the first byte lowest).
+// x86-64 has an instruction that gathers the bits of 16 bytes; AArch64 keeps
+// each byte's own bit of eight and gathers them with pairwise additions.
+// Elsewhere the writer's scan goes byte by byte, and a lookup's search calls
+// memchr.
 #if defined(__SSE2__)
 #define CFGFILE_BYTE_MASKS 1
-constexpr int kMaskBitsPerByte = 1;
-inline uint64_t MaskOf(Bytes16 compared) {
+inline uint64_t MaskOf(Compared16 compared) {
     return static_cast<uint16_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(compared)));
+}
+
+inline bool AnySet(Compared16 compared) { return MaskOf(compared) != 0; }
+
+template <typename Test> uint64_t WindowBits(const char *pc, Test test) {
+    return MaskOf(test(Load16(pc))) | MaskOf(test(Load16(pc + 16))) << 16 |
+           MaskOf(test(Load16(pc + 32))) << 32 | MaskOf(test(Load16(pc + 48))) << 48;
 }
 #elif defined(__ARM_NEON) && defined(__aarch64__)
 #define CFGFILE_BYTE_MASKS 1
-constexpr int kMaskBitsPerByte = 4;
-inline uint64_t MaskOf(Bytes16 compared) {
-    const uint8x8_t narrowed = vshrn_n_u16(vreinterpretq_u16_u8(uint8x16_t(compared)), 4);
-    return vget_lane_u64(vreinterpret_u64_u8(narrowed), 0);
-}
-#endif
+inline bool AnySet(Compared16 compared) { return vmaxvq_u8(uint8x16_t(compared)) != 0; }
 
-#ifdef CFGFILE_BYTE_MASKS
-// The bytes of the 64 at pc that equal those of wanted, one bit a byte, the
-// first byte lowest.
-inline uint64_t WindowMask(const char *pc, Bytes16 wanted) {
-    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
-#if defined(__SSE2__)
-    return MaskOf(Load16(pc) == wanted) | MaskOf(Load16(pc + 16) == wanted) << 16 |
-           MaskOf(Load16(pc + 32) == wanted) << 32 | MaskOf(Load16(pc + 48) == wanted) << 48;
-#else
-    // Each byte keeps its own bit of eight; three pairwise additions gather them.
+template <typename Test> uint64_t WindowBits(const char *pc, Test test) {
     const uint8x16_t bits = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
-    uint8x16_t sums[4];
-    for (int k = 0; k < 4; ++k)
-        sums[k] = vandq_u8(uint8x16_t(Load16(pc + 16 * k) == wanted), bits);
-    const uint8x16_t halves = vpaddq_u8(vpaddq_u8(sums[0], sums[1]), vpaddq_u8(sums[2], sums[3]));
+    const auto part = [&](int k) { return vandq_u8(uint8x16_t(test(Load16(pc + 16 * k))), bits); };
+    const uint8x16_t halves = vpaddq_u8(vpaddq_u8(part(0), part(1)), vpaddq_u8(part(2), part(3)));
     return vgetq_lane_u64(vreinterpretq_u64_u8(vpaddq_u8(halves, halves)), 0);
-#endif
 }
 #endif
 
@@ -379,10 +373,11 @@ const char *FirstMarkedLine(const char *pcStart, const char *pcStop, const LineF
     // costs more than one pass that walks the hits of every 64-byte window.
     const Bytes16 wanted = Bytes16{} + static_cast<unsigned char>(cFirst);
     for (; pcStop - pc >= 64; pc += 64) {
-        if (MaskOf((Load16(pc) == wanted) | (Load16(pc + 16) == wanted) |
-                   (Load16(pc + 32) == wanted) | (Load16(pc + 48) == wanted)) == 0)
+        if (!AnySet((Load16(pc) == wanted) | (Load16(pc + 16) == wanted) |
+                    (Load16(pc + 32) == wanted) | (Load16(pc + 48) == wanted)))
             continue;
-        for (uint64_t nMask = WindowMask(pc, wanted); nMask != 0; nMask &= nMask - 1)
+        const auto isWanted = [&](Bytes16 bytes) { return bytes == wanted; };
+        for (uint64_t nMask = WindowBits(pc, isWanted); nMask != 0; nMask &= nMask - 1)
             if (const char *pcLine = lineMarkedBy(pc + __builtin_ctzll(nMask)))
                 return pcLine;
     }
@@ -420,26 +415,23 @@ inline bool MayNeedWriterLook(const char *pcLine, const char *pcStop) {
 const char *NextWriterCandidate(const char *pc, const char *pcStop) {
 #ifdef CFGFILE_BYTE_MASKS
     static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
-    constexpr int B = kMaskBitsPerByte;
-    // A window fills a 64-bit mask; a line feed is judged when its next
-    // three bytes lie in the window too, and the next window starts after it.
-    constexpr size_t kWindow = 64 / B;
-    constexpr uint64_t kJudged = (uint64_t(1) << ((kWindow - kShortLineLength) * B)) - 1;
+    // A line feed is judged when its next three bytes lie in the window too,
+    // and the next window starts after it.
+    constexpr size_t kWindow = 64;
+    constexpr uint64_t kJudged = (uint64_t(1) << (kWindow - kShortLineLength)) - 1;
     const Bytes16 newline = Bytes16{} + '\n';
     const Bytes16 bracket = Bytes16{} + '[';
     const Bytes16 blank = Bytes16{} + ' ';
+    const auto isNewline = [&](Bytes16 bytes) { return bytes == newline; };
+    const auto isOpener = [&](Bytes16 bytes) { return (bytes == bracket) | (bytes == blank); };
     for (; static_cast<size_t>(pcStop - pc) >= kWindow; pc += kWindow - kShortLineLength) {
-        uint64_t nNewlines = 0, nOpeners = 0;
-        for (size_t k = 0; k < kWindow; k += 16) {
-            const Bytes16 bytes = Load16(pc + k);
-            nNewlines |= MaskOf(bytes == newline) << (k * B);
-            nOpeners |= MaskOf((bytes == bracket) | (bytes == blank)) << (k * B);
-        }
+        const uint64_t nNewlines = WindowBits(pc, isNewline);
+        const uint64_t nOpeners = WindowBits(pc, isOpener);
         const uint64_t nMarks =
             nNewlines & kJudged &
-            ((nNewlines >> B) | (nNewlines >> 2 * B) | (nNewlines >> 3 * B) | (nOpeners >> B));
+            ((nNewlines >> 1) | (nNewlines >> 2) | (nNewlines >> 3) | (nOpeners >> 1));
         if (nMarks != 0)
-            return pc + __builtin_ctzll(nMarks) / B + 1;
+            return pc + __builtin_ctzll(nMarks) + 1;
     }
 #endif
     for (; pc < pcStop - 1; ++pc)
