@@ -60,7 +60,7 @@ constexpr size_t kBlockSize = 4096; // the library reads files in blocks of this
 constexpr size_t kBlockAlignment = 64;
 constexpr size_t kReadBeforeTypeCheck = 65536; // a lookup asks the type after this much
 constexpr int kNotFound = -1;                  // every generated value is >= 0
-constexpr int kLookupBatch = 8; // lookups per side and turn of a paired benchmark
+constexpr int kLookupBatch = 8;                // lookups per side and turn of a paired benchmark
 
 std::string g_benchDir;
 
@@ -699,12 +699,12 @@ void RegisterWrite(const std::string &name, WriteTarget target, WriteFunction fn
 }
 
 // Registers ours and the rewrite floor of one write operation, timed in turns.
-void RegisterPairedWrite(const std::string &name, const WriteOperation &op,
-                         const std::string &stem, const BenchFile &file) {
+void RegisterPairedWrite(const std::string &name, const WriteOperation &op, const std::string &stem,
+                         const BenchFile &file) {
     const WriteTarget ours = MakeWriteTarget(stem + "paired-ours", file);
     const WriteTarget floor = MakeWriteTarget(stem + "paired-floor", file);
-    auto pBuffer = std::make_shared<std::vector<char>>(file.text.size() + kBlockSize +
-                                                       kBlockAlignment);
+    auto pBuffer =
+        std::make_shared<std::vector<char>>(file.text.size() + kBlockSize + kBlockAlignment);
     Register(
         name,
         [&op, ours, floor, pBuffer](benchmark::State &state) {

@@ -309,7 +309,9 @@ inline uint64_t MaskOf(Compared16 compared) {
     return static_cast<uint16_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(compared)));
 }
 
-inline bool AnySet(Compared16 compared) { return MaskOf(compared) != 0; }
+inline bool AnySet(Compared16 compared) {
+    return MaskOf(compared) != 0;
+}
 
 template <typename Test> uint64_t WindowBits(const char *pc, Test test) {
     return MaskOf(test(Load16(pc))) | MaskOf(test(Load16(pc + 16))) << 16 |
@@ -317,7 +319,9 @@ template <typename Test> uint64_t WindowBits(const char *pc, Test test) {
 }
 #elif defined(__ARM_NEON) && defined(__aarch64__)
 #define CFGFILE_BYTE_MASKS 1
-inline bool AnySet(Compared16 compared) { return vmaxvq_u8(uint8x16_t(compared)) != 0; }
+inline bool AnySet(Compared16 compared) {
+    return vmaxvq_u8(uint8x16_t(compared)) != 0;
+}
 
 template <typename Test> uint64_t WindowBits(const char *pc, Test test) {
     const uint8x16_t bits = {1, 2, 4, 8, 16, 32, 64, 128, 1, 2, 4, 8, 16, 32, 64, 128};
