@@ -685,6 +685,8 @@ class LineReader {
     bool LastHoldsNul() const { return memchr(m_pcLast, '\0', m_nLastLength) != nullptr; }
 
     bool Failed() const { return m_bFailed; }
+    // Whether the end of the file is known to have been read.
+    bool AtEnd() const { return m_bAtEnd; }
     // Whether a read found out that this is no regular file: the file is
     // then treated as one that cannot be opened.
     bool Refused() const { return m_bRefused; }
@@ -852,11 +854,12 @@ class LineReader {
     void *m_pRefillContext = nullptr;
 };
 
-// Writes a new file: small text gathers in a staging buffer, and goes out
-// with the next large run in one writev. The file is also open as a stream,
-// which the routines that carry over mode and owner take. A failed write is
-// remembered, so that Commit() - flush, fsync, close, each checked - can
-// refuse a short file.
+// Writes a new file. Text waits, in order, until it goes out in one writev:
+// runs of the reader's block, which stay where they are until the block is
+// read over, and small text copied into a staging buffer. The file is also
+// open as a stream, which the routines that carry over mode and owner take.
+// A failed write is remembered, so that Commit() - write, fsync, close, each
+// checked - can refuse a short file.
 class OutputFile {
   public:
     OutputFile() = default;
@@ -900,36 +903,42 @@ class OutputFile {
 
     FILE *Stream() const { return m_fp; }
 
+    // Writes text that may change after the call: staged, or written at once
+    // after what waits when the staging buffer has no room for it.
     __attribute__((noinline)) bool Write(const char *pcData, size_t nLength) {
-        return WritePending() && WriteNow(pcData, nLength);
-    }
-
-    // Copies text that stays where it is until WritePending(): consecutive
-    // pieces of one buffer go out in one write.
-    void CopyPending(const char *pcData, size_t nLength) {
-        if (m_pcPending + m_nPending != pcData) [[unlikely]] {
-            WritePending();
-            m_pcPending = pcData;
+        if (m_bFailed)
+            return false;
+        if (nLength > sizeof(m_szStaged) - m_nStaged) {
+            AddPart(pcData, nLength);
+            return WritePending();
         }
-        m_nPending += nLength;
-        m_bAtLineStart = nLength > 0 && pcData[nLength - 1] == '\n';
+        // A free part first: adding the staged text must not write it out
+        // and empty the staging buffer under it.
+        if (m_nParts == kMaxParts && !WritePending())
+            return false;
+        memcpy(m_szStaged + m_nStaged, pcData, nLength);
+        AddPart(m_szStaged + m_nStaged, nLength);
+        m_nStaged += nLength;
+        return true;
     }
 
+    // Writes text that stays where it is until WritePending().
+    void CopyPending(const char *pcData, size_t nLength) { AddPart(pcData, nLength); }
+
+    // Writes out everything that waits; false when this or an earlier write failed.
     __attribute__((noinline)) bool WritePending() {
-        const size_t nPending = m_nPending;
-        m_nPending = 0;
-        return nPending == 0 ? !m_bFailed : WriteNow(m_pcPending, nPending);
+        if (!m_bFailed && m_nParts > 0 && !WriteParts())
+            m_bFailed = true;
+        m_nParts = 0;
+        m_nStaged = 0;
+        return !m_bFailed;
     }
 
     bool Failed() const { return m_bFailed; }
 
     // Hands everything written so far to the file, so that the descriptor
     // can be written to directly.
-    bool Flush() {
-        if (WritePending() && m_nStaged > 0 && !WriteOut(nullptr, 0))
-            m_bFailed = true;
-        return !m_bFailed;
-    }
+    bool Flush() { return WritePending(); }
 
     int Descriptor() const { return fileno(m_fp); }
 
@@ -942,7 +951,7 @@ class OutputFile {
 
     bool AtLineStart() const { return m_bAtLineStart; }
 
-    // Flushes, syncs (when bSync) and closes the file; false when any of it,
+    // Writes, syncs (when bSync) and closes the file; false when any of it,
     // or any earlier write, failed.
     bool Commit(bool bSync) {
         bool bOk = Flush();
@@ -954,37 +963,30 @@ class OutputFile {
     }
 
   private:
-    // Gathers small text in the staging buffer; writes larger text at once,
-    // after what is staged.
-    bool WriteNow(const char *pcData, size_t nLength) {
-        if (m_bFailed)
-            return false;
-        if (nLength <= sizeof(m_szStaged) - m_nStaged) {
-            memcpy(m_szStaged + m_nStaged, pcData, nLength);
-            m_nStaged += nLength;
-        } else if (!WriteOut(pcData, nLength)) {
-            m_bFailed = true;
-            return false;
+    // Queues text behind what waits: joined to the last part when it
+    // follows it in memory, else a part of its own (all that waits is
+    // written first when there is no room for one).
+    void AddPart(const char *pcData, size_t nLength) {
+        if (nLength == 0)
+            return;
+        m_bAtLineStart = pcData[nLength - 1] == '\n';
+        if (m_nParts > 0) {
+            iovec &last = m_parts[m_nParts - 1];
+            if (static_cast<const char *>(last.iov_base) + last.iov_len == pcData) {
+                last.iov_len += nLength;
+                return;
+            }
         }
-        if (nLength > 0)
-            m_bAtLineStart = pcData[nLength - 1] == '\n';
-        return true;
+        if (m_nParts == kMaxParts)
+            WritePending();
+        m_parts[m_nParts++] = {const_cast<char *>(pcData), nLength};
     }
 
-    // Writes the staged text and then nLength bytes at pcData, in one call
-    // where the file takes them whole.
-    bool WriteOut(const char *pcData, size_t nLength) {
-        iovec parts[2] = {{m_szStaged, m_nStaged}, {const_cast<char *>(pcData), nLength}};
-        m_nStaged = 0;
-        iovec *pPart = parts;
-        int nParts = 2;
-        for (;;) {
-            while (nParts > 0 && pPart->iov_len == 0) {
-                ++pPart;
-                --nParts;
-            }
-            if (nParts == 0)
-                return true;
+    // Writes the parts in order, in one call where the file takes them whole.
+    bool WriteParts() {
+        iovec *pPart = m_parts;
+        int nParts = m_nParts;
+        while (nParts > 0) {
             const ssize_t nWritten =
                 Sys([&] { return writev(fileno(m_fp), pPart, nParts); }, ssize_t(-1));
             if (nWritten < 0 && errno == EINTR)
@@ -1002,13 +1004,16 @@ class OutputFile {
                 }
             }
         }
+        return true;
     }
+
+    static constexpr int kMaxParts = 16;
 
     FILE *m_fp = nullptr; // the stream the mode and owner routines take
     bool m_bFailed = false;
     bool m_bAtLineStart = true;
-    const char *m_pcPending = nullptr;
-    size_t m_nPending = 0;
+    iovec m_parts[kMaxParts];
+    int m_nParts = 0;
     char m_szStaged[1024];
     size_t m_nStaged = 0;
 };
@@ -1587,6 +1592,11 @@ inline bool CopyRead(const LineReader &reader, OutputFile &tmp, const char *szLi
 bool CopyTail(LineReader &reader, OutputFile &tmp) {
     const std::string_view rest = reader.TakeBlockRest();
     tmp.CopyPending(rest.data(), rest.size());
+    // When the block held the end of the file, its rest waits with the text
+    // before it, to go out in one write; else the kernel's copy comes after
+    // everything written so far.
+    if (reader.AtEnd())
+        return !tmp.Failed();
     if (!tmp.Flush())
         return false;
     if (reader.SendRest(tmp.Descriptor()))
