@@ -305,8 +305,10 @@ using Compared16 = signed char __attribute__((vector_size(16)));
 // memchr.
 #if defined(__SSE2__)
 #define CFGFILE_BYTE_MASKS 1
+// The instruction clears the upper bits itself: a cast to 16 bits would
+// cost an extension of every mask.
 inline uint64_t MaskOf(Compared16 compared) {
-    return static_cast<uint16_t>(_mm_movemask_epi8(reinterpret_cast<__m128i>(compared)));
+    return static_cast<unsigned>(_mm_movemask_epi8(reinterpret_cast<__m128i>(compared)));
 }
 
 inline bool AnySet(Compared16 compared) {
@@ -412,37 +414,69 @@ inline bool MayNeedWriterLook(const char *pcLine, const char *pcStop) {
     return IsShortLine(pcLine, pcStop) || *pcLine == '[' || *pcLine == ' ';
 }
 
-// The start of the first line after pc, in [pc, pcStop) of whole lines,
-// that may need the writer's look; pcStop when there is none. A line feed
-// at i marks the line at i + 1, when one of the next three bytes is a line
-// feed too, or the next one a "[" or a blank.
-const char *NextWriterCandidate(const char *pc, const char *pcStop) {
+// Finds the lines of [pcStart, pcStop), whole lines, that may need the
+// writer's look, in order. A line feed at i marks the line at i + 1, when
+// one of the next three bytes is a line feed too, or the next one a "[" or a
+// blank. The marks of the last window scanned are kept: in a file of short
+// sections the next candidate mostly lies in the same window.
+class WriterCandidates {
+  public:
+    WriterCandidates(const char *pcStart, const char *pcStop)
+        : m_pcWindow(pcStart), m_pcJudged(pcStart), m_pcStop(pcStop) {}
+
+    // The start of the first line after pc that may need the writer's look;
+    // pcStop when there is none. pc never goes back between calls.
+    const char *After(const char *pc) {
+#ifdef CFGFILE_BYTE_MASKS
+        if (pc < m_pcJudged) {
+            const uint64_t nLeft = m_nMarks & ~((uint64_t(1) << (pc - m_pcWindow)) - 1);
+            if (nLeft != 0)
+                return m_pcWindow + __builtin_ctzll(nLeft) + 1;
+            pc = m_pcJudged;
+        }
+        for (; static_cast<size_t>(m_pcStop - pc) >= kWindow; pc += kAdvance) {
+            const uint64_t nMarks = WindowMarks(pc);
+            if (nMarks != 0) {
+                m_pcWindow = pc;
+                m_pcJudged = pc + kAdvance;
+                m_nMarks = nMarks;
+                return pc + __builtin_ctzll(nMarks) + 1;
+            }
+        }
+#endif
+        for (; pc < m_pcStop - 1; ++pc)
+            if (*pc == '\n' && MayNeedWriterLook(pc + 1, m_pcStop))
+                return pc + 1;
+        return m_pcStop;
+    }
+
+  private:
 #ifdef CFGFILE_BYTE_MASKS
     static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__);
     // A line feed is judged when its next three bytes lie in the window too,
     // and the next window starts after it.
-    constexpr size_t kWindow = 64;
-    constexpr uint64_t kJudged = (uint64_t(1) << (kWindow - kShortLineLength)) - 1;
-    const Bytes16 newline = Bytes16{} + '\n';
-    const Bytes16 bracket = Bytes16{} + '[';
-    const Bytes16 blank = Bytes16{} + ' ';
-    const auto isNewline = [&](Bytes16 bytes) { return bytes == newline; };
-    const auto isOpener = [&](Bytes16 bytes) { return (bytes == bracket) | (bytes == blank); };
-    for (; static_cast<size_t>(pcStop - pc) >= kWindow; pc += kWindow - kShortLineLength) {
+    static constexpr size_t kWindow = 64;
+    static constexpr size_t kAdvance = kWindow - kShortLineLength;
+
+    static uint64_t WindowMarks(const char *pc) {
+        constexpr uint64_t kJudged = (uint64_t(1) << kAdvance) - 1;
+        const Bytes16 newline = Bytes16{} + '\n';
+        const Bytes16 bracket = Bytes16{} + '[';
+        const Bytes16 blank = Bytes16{} + ' ';
+        const auto isNewline = [&](Bytes16 bytes) { return bytes == newline; };
+        const auto isOpener = [&](Bytes16 bytes) { return (bytes == bracket) | (bytes == blank); };
         const uint64_t nNewlines = WindowBits(pc, isNewline);
         const uint64_t nOpeners = WindowBits(pc, isOpener);
-        const uint64_t nMarks =
-            nNewlines & kJudged &
-            ((nNewlines >> 1) | (nNewlines >> 2) | (nNewlines >> 3) | (nOpeners >> 1));
-        if (nMarks != 0)
-            return pc + __builtin_ctzll(nMarks) + 1;
+        return nNewlines & kJudged &
+               ((nNewlines >> 1) | (nNewlines >> 2) | (nNewlines >> 3) | (nOpeners >> 1));
     }
+
+    uint64_t m_nMarks = 0; // of the window at m_pcWindow, for line feeds before m_pcJudged
 #endif
-    for (; pc < pcStop - 1; ++pc)
-        if (*pc == '\n' && MayNeedWriterLook(pc + 1, pcStop))
-            return pc + 1;
-    return pcStop;
-}
+    const char *m_pcWindow;
+    const char *m_pcJudged;
+    const char *m_pcStop;
+};
 
 // The writer's look: short lines and section lines. Outside the section
 // it sets, the writer leaves out short lines and writes an empty line before
@@ -451,10 +485,11 @@ const char *NextWriterCandidate(const char *pc, const char *pcStop) {
 // together when bPairs. pcStart is a line start, pcStop - 1 a line feed.
 const char *FirstLineForWriter(const char *pcStart, const char *pcStop,
                                const LineFilter &lineFilter) {
+    WriterCandidates candidates(pcStart, pcStop);
     const char *pcLine = pcStart;
     while (pcLine < pcStop) {
         if (!MayNeedWriterLook(pcLine, pcStop)) {
-            pcLine = NextWriterCandidate(pcLine, pcStop);
+            pcLine = candidates.After(pcLine);
             continue;
         }
         const bool bEmpty = *pcLine == '\n';
@@ -464,10 +499,10 @@ const char *FirstLineForWriter(const char *pcStart, const char *pcStop,
         // A line of blanks and text, or an empty line that passes with the
         // section line after it; anything else needs a look.
         if (!bEmpty && *pc != '[' && !IsShortLine(pcLine, pcStop))
-            pcLine = NextWriterCandidate(pcLine, pcStop);
+            pcLine = candidates.After(pcLine);
         else if (bEmpty && lineFilter.bPairs && pc < pcStop && *pc == '[' &&
                  !IsShortLine(pcLine + 1, pcStop) && !MayFollow(pc + 1, pcStop, lineFilter))
-            pcLine = NextWriterCandidate(pc, pcStop); // from inside the section line
+            pcLine = candidates.After(pc); // from inside the section line
         else
             return pcLine;
     }
