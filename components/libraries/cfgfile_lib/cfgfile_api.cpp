@@ -425,7 +425,8 @@ class WriterCandidates {
         : m_pcWindow(pcStart), m_pcJudged(pcStart), m_pcStop(pcStop) {}
 
     // The start of the first line after pc that may need the writer's look;
-    // pcStop when there is none. pc never goes back between calls.
+    // pcStop when there is none. pc is never before the line the previous
+    // call returned: the kept marks are read relative to it.
     const char *After(const char *pc) {
 #ifdef CFGFILE_BYTE_MASKS
         if (pc < m_pcJudged) {
