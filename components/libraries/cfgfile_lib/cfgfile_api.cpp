@@ -33,6 +33,7 @@
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <time.h>
 #include <unistd.h>
 
 #if defined(__SSE2__)
@@ -906,32 +907,15 @@ class OutputFile {
             fclose(m_fp);
     }
 
-    // Creates szPath afresh with mode nMode. O_EXCL|O_NOFOLLOW make sure the
-    // file opened is the one just created; a leftover file or a symbolic
-    // link planted at the name is removed and the creation tried once more.
-    // Close-on-exec.
-    bool Create(const char *szPath, mode_t nMode, bool bReplaceLeftover) {
-        auto create = [&] {
-            return Sys(
-                [&] {
-                    return open(szPath, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                                nMode);
-                },
-                -1);
-        };
-        int fd = create();
-        if (fd < 0 && errno == EEXIST && bReplaceLeftover) {
-            Sys([&] { return unlink(szPath); }, -1);
-            fd = create();
-        }
-        if (fd < 0)
+    // Writes to the file open as fd, which stays the caller's: the stream
+    // works on a duplicate, so that closing it keeps the caller's lock.
+    bool Adopt(int fd) {
+        const int fdStream = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (fdStream < 0)
             return false;
-        m_fp = fdopen(fd, "w");
+        m_fp = fdopen(fdStream, "w");
         if (m_fp == nullptr) {
-            const int nErr = errno;
-            close(fd);
-            unlink(szPath);
-            errno = nErr;
+            close(fdStream);
             return false;
         }
         return true;
@@ -1070,6 +1054,198 @@ bool SyncDirectoryOf(const char *szPath) {
         return false;
     return Sys([&] { return fsync(dir.Get()); }, -1) == 0;
 }
+
+
+// ------------------------------------------------ exclusion of changes
+//
+// Changes of one file exclude each other through locks on the files they
+// work on, never through a file of their own. A change holds a lock on its
+// temporary file from before its first read until its backup is gone: the
+// temporary file's name is its alone, and once it is renamed over the
+// file, the lock goes on holding the file itself. A change that opens the
+// file waits for a read lock on it, so that it starts only once the change
+// that put the file there is through. The locks are open-file-description
+// locks: a dying process drops them, and they meet neither flock(2) on the
+// file nor a lock a caller takes on a file of its own.
+
+#ifndef CFGFILE_LOCK_WAIT_MS
+#define CFGFILE_LOCK_WAIT_MS 10000 // how long a change waits for another
+#endif
+
+// The byte locked, far past any text, so that a caller's own byte-range
+// locks on the text are not hit.
+constexpr off_t kLockByte = off_t(1) << 62;
+
+// A point in time on the monotonic clock, CFGFILE_LOCK_WAIT_MS from now.
+class Deadline {
+  public:
+    Deadline() {
+        clock_gettime(CLOCK_MONOTONIC, &m_end);
+        m_end.tv_sec += CFGFILE_LOCK_WAIT_MS / 1000;
+        m_end.tv_nsec += (CFGFILE_LOCK_WAIT_MS % 1000) * 1000000L;
+        if (m_end.tv_nsec >= 1000000000L) {
+            ++m_end.tv_sec;
+            m_end.tv_nsec -= 1000000000L;
+        }
+    }
+    bool Passed() const {
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return now.tv_sec > m_end.tv_sec ||
+               (now.tv_sec == m_end.tv_sec && now.tv_nsec >= m_end.tv_nsec);
+    }
+
+  private:
+    timespec m_end;
+};
+
+enum class LockResult { Held, Busy, Unsupported };
+
+// Waits between two tries for a lock: from 0.25 ms, doubling up to 8 ms.
+constexpr long kFirstPauseNs = 250000;
+void Pause(long &nPauseNs) {
+    const timespec pause = {0, nPauseNs};
+    nanosleep(&pause, nullptr);
+    nPauseNs = nPauseNs < 8000000 ? nPauseNs * 2 : nPauseNs;
+}
+
+// Takes a lock of nType (F_RDLCK, F_WRLCK) on fd, polling until the
+// deadline: Busy when another holds it still. A file system without such
+// locks (Unsupported) leaves changes as unexcluded as they always were.
+LockResult LockUntil(int fd, short nType, const Deadline &deadline) {
+    struct flock lock = {};
+    lock.l_type = nType;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = kLockByte;
+    lock.l_len = 1;
+    for (long nPauseNs = kFirstPauseNs;; Pause(nPauseNs)) {
+        if (Sys([&] { return fcntl(fd, F_OFD_SETLK, &lock); }, -1) == 0)
+            return LockResult::Held;
+        if (errno != EAGAIN && errno != EACCES && errno != EINTR)
+            return LockResult::Unsupported;
+        if (deadline.Passed())
+            return LockResult::Busy;
+    }
+}
+
+// Whether a change holds the temporary file at szPath that this caller may
+// not open for writing (another user's).
+bool IsHeldByOther(const char *szPath) {
+    FileDescriptor file(open(szPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = kLockByte;
+    lock.l_len = 1;
+    return file.IsOpen() && fcntl(file.Get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+// Whether fd is the file that szPath names now (links not followed).
+bool IsFileAt(int fd, const char *szPath) {
+    struct stat open, named;
+    return fstat(fd, &open) == 0 && lstat(szPath, &named) == 0 && open.st_dev == named.st_dev &&
+           open.st_ino == named.st_ino;
+}
+
+// The temporary file of a change, open and locked for the whole change.
+// One that the change created and never wrote is removed again, so that a
+// change that ends early leaves nothing beside the file.
+class LockedTemp {
+  public:
+    LockedTemp() = default;
+    LockedTemp(const LockedTemp &) = delete;
+    LockedTemp &operator=(const LockedTemp &) = delete;
+    ~LockedTemp() { Release(); }
+
+    // Opens "<name>.tmp", creating it when missing, and locks it. A leftover
+    // of a change that died is unlocked and taken over; one that a live
+    // change holds is waited for. What is no regular file there (a planted
+    // link or FIFO) is removed. False, with Errno(), when it cannot be had.
+    bool Acquire(const char *szPath, const Deadline &deadline) {
+        m_szPath = szPath;
+        for (long nPauseNs = kFirstPauseNs; m_fd < 0;) {
+            if (deadline.Passed())
+                return Fail(EWOULDBLOCK);
+            bool bCreated = true;
+            int fd = Sys([&] { return open(szPath, kCreateFlags, S_IRUSR | S_IWUSR); }, -1);
+            if (fd < 0 && errno == EEXIST) {
+                bCreated = false;
+                fd = Sys([&] { return open(szPath, kOpenFlags); }, -1);
+                if (fd < 0 && errno == ENOENT)
+                    continue; // the holder swapped it in meanwhile
+                if (fd < 0 && errno == EACCES && IsHeldByOther(szPath)) {
+                    Pause(nPauseNs);
+                    continue;
+                }
+                if (fd < 0 && errno != ELOOP && errno != ENXIO && errno != EACCES)
+                    return Fail(errno);
+                if (fd < 0 && !RemoveStranger())
+                    return Fail(errno);
+                if (fd < 0)
+                    continue;
+            }
+            if (fd < 0)
+                return Fail(errno);
+            if (!Take(fd, bCreated, deadline))
+                return false;
+        }
+        return true;
+    }
+
+    bool Held() const { return m_fd >= 0; }
+    int Fd() const { return m_fd; }
+    int Errno() const { return m_nErrno; }
+    // The change has written to it: it stays, whatever follows.
+    void MarkUsed() { m_bUsed = true; }
+
+    void Release() {
+        if (m_fd < 0)
+            return;
+        if (m_bCreated && !m_bUsed)
+            Sys([&] { return unlink(m_szPath); }, -1);
+        close(m_fd);
+        m_fd = -1;
+    }
+
+  private:
+    static constexpr int kCreateFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    static constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+    bool Fail(int nErrno) {
+        m_nErrno = nErrno;
+        errno = nErrno;
+        return false;
+    }
+
+    // Removes what stands at the name and cannot be a temporary file.
+    bool RemoveStranger() {
+        return Sys([&] { return unlink(m_szPath); }, -1) == 0 || errno == ENOENT;
+    }
+
+    // Locks fd and keeps it when it is still the regular file at the name.
+    // True also when it was not kept and the caller should try again.
+    bool Take(int fd, bool bCreated, const Deadline &deadline) {
+        if (LockUntil(fd, F_WRLCK, deadline) == LockResult::Busy) {
+            close(fd);
+            return Fail(EWOULDBLOCK);
+        }
+        struct stat st;
+        const bool bAtName = IsFileAt(fd, m_szPath);
+        if (bAtName && fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+            m_fd = fd;
+            m_bCreated = bCreated;
+            return true;
+        }
+        close(fd);
+        return !bAtName || RemoveStranger() || Fail(errno);
+    }
+
+    const char *m_szPath = nullptr;
+    int m_fd = -1;
+    int m_nErrno = 0;
+    bool m_bCreated = false;
+    bool m_bUsed = false;
+};
 
 } // namespace
 
@@ -1552,6 +1728,7 @@ struct RewriteRules {
     int nProcessingLevel;       // level of "Processing line %d."
     bool bTemporaryClosedFirst; // the temporary file is closed before the file
     bool bDiscardWhenUnchanged; // keep the file when nothing was left out
+    bool bCreatesMissing = false; // a missing file is created (the writer)
 };
 
 struct RewriteNames {
@@ -1722,11 +1899,15 @@ int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &
     return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
 }
 
-// Moves the old file to the backup name and the new one to the file's name,
-// makes that durable, and deletes the backup.
+// Swaps the new file in. The old file gets the backup name as a second name
+// and the new one is renamed over the file's name, so that the name always
+// holds a whole file; where the file system gives no second names (vfat),
+// the old file is moved to the backup name instead. Once the directory is
+// on disk, the backup is deleted.
 int SwapIn(const char *szFunction, const RewriteNames &names) {
     const char *szFileName = names.szTarget;
-    if (Sys([&] { return rename(szFileName, names.szBackupFileName); }, -1) != 0) {
+    const bool bLinked = Sys([&] { return link(szFileName, names.szBackupFileName); }, -1) == 0;
+    if (!bLinked && Sys([&] { return rename(szFileName, names.szBackupFileName); }, -1) != 0) {
         const int nErr = errno;
         CFG_TRACE_AS(szFunction, 7,
                      "Failed to rename config file \"%s\" to backup \"%s\", errno=%d, \"%s\".\n",
@@ -1738,7 +1919,10 @@ int SwapIn(const char *szFunction, const RewriteNames &names) {
         CFG_TRACE_AS(szFunction, 7,
                      "Failed to move tmp file to new config file, errno=%d, \"%s\".\n", nErr,
                      strerror(nErr));
-        Sys([&] { return rename(names.szBackupFileName, szFileName); }, -1);
+        if (bLinked)
+            Sys([&] { return unlink(names.szBackupFileName); }, -1);
+        else
+            Sys([&] { return rename(names.szBackupFileName, szFileName); }, -1);
         return CFGFILE_FAILURE;
     }
     // The new file is in place. Until the directory is on disk, the backup
@@ -1780,8 +1964,9 @@ template <size_t N, class Operation> class StepsOf final : public RewriteSteps {
 
 // Rewrites names.szTarget, open for reading as fd, through the temporary
 // and backup files.
-__attribute__((noinline)) RewriteResult
-CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, RewriteSteps &op) {
+__attribute__((noinline)) RewriteResult CopyAndSwap(const RewriteRules &rules,
+                                                    const RewriteNames &names, int fd,
+                                                    LockedTemp &temp, RewriteSteps &op) {
     const char *szFunction = rules.szFunction;
     const char *szFileName = names.szTarget;
     FileDescriptor readFile(fd);
@@ -1797,14 +1982,17 @@ CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, Rewrit
     }
     CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", szFileName);
 
-    // Private (0600) until it has the file's mode and owner.
+    // Private (0600) until it has the file's mode and owner; a leftover of
+    // an earlier change is emptied.
     OutputFile tmp;
-    if (!tmp.Create(names.szTmpFileName, S_IRUSR | S_IWUSR, true)) {
+    if (!temp.Held() || Sys([&] { return ftruncate(temp.Fd(), 0); }, -1) != 0 ||
+        !tmp.Adopt(temp.Fd())) {
         CFG_TRACE_AS(szFunction, 7, "Unable to open tmp file \"%s\".\n", names.szTmpFileName);
         readFile.Close();
         CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", szFileName);
         return {true, false, 0, CFGFILE_FAILURE};
     }
+    temp.MarkUsed();
     CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", names.szTmpFileName);
     CopyFilePermissions(szFileName, tmp.Stream());
     CopyFileOwnership(szFileName, tmp.Stream());
@@ -1843,30 +2031,90 @@ CopyAndSwap(const RewriteRules &rules, const RewriteNames &names, int fd, Rewrit
     return {true, true, 0, SwapIn(szFunction, names)};
 }
 
-// Rewrites the file named in names (retargeted to a link's target). The
-// sequence is compiled once; only the operation's steps differ.
-RewriteResult RunRewrite(const RewriteRules &rules, RewriteNames &names, RewriteSteps &op) {
-    const int fd = OpenRewriteTarget(rules.szFunction, names);
+// Whether fd is a regular file, or no file at all (*pbMissing).
+bool IsRegularOrMissing(int fd, bool *pbMissing) {
+    struct stat st;
+    *pbMissing = fd < 0;
+    return fd < 0 || (fstat(fd, &st) == 0 && S_ISREG(st.st_mode));
+}
+
+// For a name that could not be opened since what it leads to is missing:
+// -1 with errno ENOENT when nothing stands there, EEXIST for a link that
+// leads nowhere, which is never replaced by a new file.
+int NothingAt(const char *szPath) {
+    struct stat st;
+    errno = lstat(szPath, &st) == 0 ? EEXIST : ENOENT;
+    return -1;
+}
+
+// Opens szPath for a change: -1 with errno when it cannot.
+int OpenForChange(const char *szPath) {
+    const int fd = OpenFile(szPath);
+    return fd < 0 && errno == ENOENT ? NothingAt(szPath) : fd;
+}
+
+// Opens the file a change works on (-1 with errno when it cannot) and takes
+// the change's exclusion: its temporary file, then the file, once the
+// change that put it there is through. What holds the name after the wait
+// is opened anew, since a change replaces the file. A missing file is
+// waited for where the change would create it; anything but a regular file
+// is left to the reader to refuse, with nothing created beside it. Where the
+// temporary file cannot be had, the change reports it when it would create it.
+int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp) {
+    int fd = OpenRewriteTarget(rules.szFunction, names);
+    if (fd == -1 && errno == ENOENT)
+        fd = NothingAt(names.szTarget);
+    bool bMissing;
+    if (fd == kTargetTooLong || (fd < 0 && !(rules.bCreatesMissing && errno == ENOENT)) ||
+        !IsRegularOrMissing(fd, &bMissing))
+        return fd;
+    const Deadline deadline;
+    temp.Acquire(names.szTmpFileName, deadline);
+    while (temp.Held()) {
+        if (!bMissing && LockUntil(fd, F_RDLCK, deadline) == LockResult::Busy)
+            temp.Release();
+        else if (bMissing ? NothingAt(names.szTarget) < 0 && errno == ENOENT
+                          : IsFileAt(fd, names.szTarget))
+            break;
+        else {
+            if (fd >= 0)
+                close(fd);
+            fd = OpenForChange(names.szTarget);
+            if (fd < 0 && errno != ENOENT)
+                return fd;
+            bMissing = fd < 0;
+        }
+    }
+    errno = ENOENT; // what a missing file's change saw, whatever came after
+    return fd;
+}
+
+// Rewrites the file named in names (retargeted to a link's target), with
+// temp held. The sequence is compiled once; only the operation's steps differ.
+RewriteResult RunRewrite(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp,
+                         RewriteSteps &op) {
+    const int fd = OpenExclusively(rules, names, temp);
     if (fd == kTargetTooLong) {
         CFG_TRACE_AS(rules.szFunction, 7, "filename is invalid.\n");
         return {true, false, 0, CFGFILE_BAD_PARAMETERS};
     }
     if (fd < 0)
         return {false, false, errno, CFGFILE_FAILURE};
-    return CopyAndSwap(rules, names, fd, op);
+    return CopyAndSwap(rules, names, fd, temp, op);
 }
 
 // Rewrites the file with an operation that reads lines of up to N - 1 bytes.
 template <size_t N, class Operation>
-RewriteResult RewriteFile(const RewriteRules &rules, RewriteNames &names, Operation &op) {
+RewriteResult RewriteFile(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp,
+                          Operation &op) {
     StepsOf<N, Operation> steps(op);
-    return RunRewrite(rules, names, steps);
+    return RunRewrite(rules, names, temp, steps);
 }
 
 // ------------------------------------------------------------ the writer
 
 constexpr char kWriteValue[] = "_WriteValue";
-constexpr RewriteRules kWriterRules{kWriteValue, 8, false, false};
+constexpr RewriteRules kWriterRules{kWriteValue, 8, false, false, true};
 
 // Sets one key: replaces its first line in the first section of that name,
 // or adds it at the end of the section, or appends the section.
@@ -1975,24 +2223,32 @@ class ValueWriter {
     char m_szKeyNameBuffer[kNameBufferSize];
 };
 
-// Writes a file that did not exist: "[section]\nkey=value\n". Only a missing
-// file is created; an existing file that merely cannot be read is left alone.
-int CreateNewFile(const char *szFileName, int nOpenErrno, const char *szSection,
-                  const char *szKeyName, const char *szValue) {
+// Writes a file that did not exist: "[section]\nkey=value\n", whole under
+// the temporary name first, so that no reader ever finds it half written.
+// Only a missing file is created; an existing file that merely cannot be
+// read is left alone.
+int CreateNewFile(const RewriteNames &names, LockedTemp &temp, int nOpenErrno,
+                  const char *szSection, const char *szKeyName, const char *szValue) {
+    const char *szFileName = names.szTarget;
     OutputFile file;
-    if (nOpenErrno != ENOENT || !file.Create(szFileName, 0644, false)) {
-        const int nErr = nOpenErrno != ENOENT ? nOpenErrno : errno;
+    if (nOpenErrno != ENOENT || !temp.Held() || !file.Adopt(temp.Fd())) {
+        const int nErr = nOpenErrno != ENOENT ? nOpenErrno : temp.Held() ? errno : temp.Errno();
         CFG_TRACE_AS(kWriteValue, 7, "Failed to create new file, errno=%d.\n", nErr);
         return nErr == EACCES ? CFGFILE_FILE_ACCESS : CFGFILE_FAILURE;
     }
+    temp.MarkUsed();
     CFG_TRACE_AS(kWriteValue, 7, "OPENED \"%s\".\n", szFileName);
     SetDefaultFilePermissions(file.Stream());
     file.Write("[") && file.Write(szSection) && file.Write("]\n") &&
         file.WriteKeyLine(szKeyName, szValue, "\n");
-    const bool bComplete = file.Commit(true) && SyncDirectoryOf(szFileName);
+    const bool bWritten =
+        file.Commit(true) &&
+        Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) == 0;
+    const bool bComplete = bWritten && SyncDirectoryOf(szFileName);
     CFG_TRACE_AS(kWriteValue, 7, "closed \"%s\".\n", szFileName);
     if (!bComplete) {
-        unlink(szFileName); // it did not exist before: nothing is lost
+        // The file did not exist before: nothing is lost.
+        Sys([&] { return unlink(bWritten ? szFileName : names.szTmpFileName); }, -1);
         return CFGFILE_FAILURE;
     }
     return CFGFILE_SUCCESS;
@@ -2014,9 +2270,11 @@ int _WriteValue(const char *szFileName, const char *szSection, const char *szKey
         return CFGFILE_BAD_PARAMETERS;
 
     ValueWriter writer(szSection, szKeyName, szValue);
-    const RewriteResult result = RewriteFile<kLongLineBufferSize>(kWriterRules, names, writer);
+    LockedTemp temp;
+    const RewriteResult result =
+        RewriteFile<kLongLineBufferSize>(kWriterRules, names, temp, writer);
     if (!result.bOpened)
-        return CreateNewFile(names.szTarget, result.nErrno, szSection, szKeyName, szValue);
+        return CreateNewFile(names, temp, result.nErrno, szSection, szKeyName, szValue);
     if (!result.bCopying)
         return result.iRetCode;
     if (result.iRetCode == CFGFILE_SUCCESS)
@@ -2207,7 +2465,8 @@ int RunDeletion(const RewriteRules &rules, const char *szFileName, Operation &op
     const int iRetCode = PrepareRewrite(rules.szFunction, szFileName, names);
     if (iRetCode != CFGFILE_SUCCESS)
         return iRetCode;
-    const RewriteResult result = RewriteFile<kShortLineBufferSize>(rules, names, op);
+    LockedTemp temp;
+    const RewriteResult result = RewriteFile<kShortLineBufferSize>(rules, names, temp, op);
     return result.bOpened ? result.iRetCode : CFGFILE_SUCCESS;
 }
 
@@ -2261,8 +2520,9 @@ int ChangePrefixedLine(const char *szFunction, const char *szFileName, const cha
     if (iRetCode != CFGFILE_SUCCESS)
         return iRetCode;
     PrefixedLineChanger changer(szFunction, szPrefix, bCommentOut);
+    LockedTemp temp;
     const RewriteResult result =
-        RewriteFile<kLongLineBufferSize>({szFunction, 8, false, false}, names, changer);
+        RewriteFile<kLongLineBufferSize>({szFunction, 8, false, false}, names, temp, changer);
     return result.bOpened ? result.iRetCode : CFGFILE_FAILURE;
 }
 
