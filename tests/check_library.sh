@@ -1,9 +1,11 @@
 #!/bin/sh
 # Checks the shipped library's interface: it exports exactly the CfgFile_*
-# operations, has its SONAME, and needs nothing of libstdc++ at run time.
-# usage: check_library.sh path/to/libcfgfile.so
+# operations its public header declares, has its SONAME, and needs nothing of
+# libstdc++ at run time.
+# usage: check_library.sh path/to/libcfgfile.so path/to/cfgfile_api.h
 set -eu
 lib=$1
+header=$2
 status=0
 
 exported=$(${NM:-nm} -D --defined-only "$lib" | awk '$2 ~ /^[TWDBRV]$/ {print $3}' | sort)
@@ -11,10 +13,15 @@ stray=$(printf '%s\n' "$exported" | grep -v '^CfgFile_' || true)
 if [ -n "$stray" ]; then
     echo "exported beyond CfgFile_*:"; printf '  %s\n' $stray; status=1
 fi
-count=$(printf '%s\n' "$exported" | grep -c '^CfgFile_')
-if [ "$count" -ne 23 ]; then
-    echo "expected 23 CfgFile_* operations, found $count"; status=1
+declared=$(grep -o 'CFGFILE_API int CfgFile_[A-Za-z0-9]*' "$header" | sed 's/.* //' | sort)
+defined=$(printf '%s\n' "$exported" | grep '^CfgFile_' || true)
+if [ "$defined" != "$declared" ]; then
+    echo "exported operations differ from those the header declares:"
+    echo "  exported: $(echo $defined)"
+    echo "  declared: $(echo $declared)"
+    status=1
 fi
+count=$(printf '%s\n' "$exported" | grep -c '^CfgFile_')
 
 soname=$(${OBJDUMP:-objdump} -p "$lib" | awk '/SONAME/ {print $2}')
 if [ "$soname" != "libcfgfile.so.1" ]; then

@@ -19,10 +19,14 @@
  *
  * Changes never edit a file where it lies: the new content is written to
  * "<name>.tmp" beside the file (mode 0600 until it gets the file's mode and
- * owner), flushed and synced to disk, the old file is renamed to "<name>.bak",
- * the new one to the file's name, the directory is synced and the backup is
- * deleted. A failure before the swap leaves the old file byte for byte; a
- * failure during the swap puts it back. ".tmp"/".bak" replace an existing
+ * owner), flushed and synced to disk; the old file gets "<name>.bak" as a
+ * second name (a hard link), the new one is renamed over the file's name,
+ * the directory is synced and the backup is deleted. The name always holds
+ * the whole old or the whole new file. Where the file system has no hard
+ * links (vfat, exfat), the old file is renamed to "<name>.bak" instead, and
+ * for a moment no file stands at the name (see CfgFile_RecoverFile). A
+ * failure before the swap leaves the old file byte for byte; a failure
+ * during the swap puts it back. ".tmp"/".bak" replace an existing
  * suffix of the file name ("device.ini" -> "device.tmp", "device.bak"), so two
  * files that differ only in their suffix must not live in one directory.
  * A path that is a symbolic link is rewritten at its target; the link stays.
@@ -36,11 +40,17 @@
  * refused then. What it gave before (64 KiB at most) is read like a file's
  * text, and a device that ends within 64 KiB is read like a file.
  *
- * Threads and processes: calls share no memory and take no lock. Callers must
- * serialise changes to one file (the cfgfile tool offers --lock). During the
- * swap there is a moment in which no file exists under the file's name; a
- * reader then gets CFGFILE_FILE_ACCESS and its default. If a process dies in
- * that moment, the old content is left under "<name>.bak" (cfgfile recover).
+ * Threads and processes: calls share no memory. Changes of one file, from
+ * threads or processes, exclude each other from their first read to the
+ * removal of the backup, so none is lost: a change holds an
+ * open-file-description lock (fcntl F_OFD_SETLK, one byte at offset 2^62) on
+ * "<name>.tmp" and, at its end, on the file it swapped in. A change that
+ * finds another at work waits for it, up to 10 seconds (the build option
+ * CFGFILE_LOCK_WAIT_MS), then fails with CFGFILE_FAILURE and the file
+ * untouched. The locks meet neither flock(2) on the file nor any lock file a
+ * caller keeps of its own, so callers that serialise themselves keep
+ * working. A temporary file left by a process that died is taken over by the
+ * next change. Reads take no lock and always find a whole file (vfat aside).
  *
  * Trace output goes through the channel "CFGFILELIB" of libdbgtrace (see
  * dbgtrace.h); set DBGTRACE_LEVEL=CFGFILELIB:7 for the flow of each call, 8
@@ -199,6 +209,23 @@ CFGFILE_API int CfgFile_SetBooleanValue(const char *szFileName, const char *szSe
  * adds group write permission. CFGFILE_SUCCESS, or CFGFILE_FAILURE when
  * chown, stat or chmod fails (traced at level 3 with errno). */
 CFGFILE_API int CfgFile_SetGroupOwnership(const char *szFileName, gid_t GroupID);
+
+/* Puts a file back from its backup after an interrupted change: when
+ * nothing stands at szFileName (at the end of its symbolic links) and
+ * "<name>.bak" is a regular file, the backup is renamed to the name and the
+ * directory synced. Otherwise nothing is done. A change interrupted while it
+ * moved the old file aside (on file systems without hard links, such as
+ * vfat; or by an older version of this library) leaves that state: call this
+ * once when the application starts. It waits for a change of the file in
+ * progress, as changes wait for each other.
+ * Results:
+ *   CFGFILE_SUCCESS         the file was restored, or there was nothing to do.
+ *   CFGFILE_BAD_PARAMETERS  szFileName is NULL or longer than 246 characters
+ *                           (or is a link whose target is); nothing touched.
+ *   CFGFILE_FAILURE         the backup could not be moved back or its
+ *                           directory synced, or a change of the file did not
+ *                           end within the wait for it. */
+CFGFILE_API int CfgFile_RecoverFile(const char *szFileName);
 
 /* ------------------------------------------------------------ maintenance */
 

@@ -1,9 +1,9 @@
 // files.cpp - the files around a settings file: its backup and its lock.
 //
-// A change is swapped in by renaming the file to its backup name and the new
-// content to the file's name. A process that dies between the two renames
-// leaves no file under the name and the old content under the backup name;
-// "recover" renames it back.
+// Where a file system has no hard links, a change moves the file to its
+// backup name before it renames the new content to the file's name. A
+// process that dies between the two renames leaves no file under the name
+// and the old content under the backup name; "recover" puts it back.
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -59,18 +59,6 @@ bool IsRegularFile(const std::string &sPath) {
     return lstat(sPath.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-// Makes a rename in the directory of sPath durable.
-bool SyncDirectoryOf(const std::string &sPath) {
-    const std::string sDirectory = DirectoryPart(sPath);
-    const char *szDirectory = sDirectory.empty() ? "." : sDirectory.c_str();
-    const int fd = open(szDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    const bool bSynced = fsync(fd) == 0;
-    close(fd);
-    return bSynced;
-}
-
 } // namespace
 
 std::string BackupName(const std::string &sPath) {
@@ -100,19 +88,14 @@ void WarnOfLeftBackup(const char *szFile) {
 int RunRecover(const Arguments &args) {
     const char *szFile = args.vszPositional[0];
     std::string sTarget;
-    if (!FindMissingTarget(szFile, &sTarget))
-        return 0;
-    const std::string sBackup = BackupName(sTarget);
-    if (!IsRegularFile(sBackup))
-        return 0;
-    if (rename(sBackup.c_str(), sTarget.c_str()) != 0)
-        return ReportWhy("recover", CFGFILE_FAILURE, "cannot rename %s to %s: %s", sBackup.c_str(),
-                         sTarget.c_str(), strerror(errno));
-    if (!SyncDirectoryOf(sTarget))
-        return ReportWhy("recover", CFGFILE_FAILURE,
-                         "restored %s, but syncing its directory failed: %s", sTarget.c_str(),
-                         strerror(errno));
-    fprintf(stderr, "cfgfile: recover: restored %s from %s\n", sTarget.c_str(), sBackup.c_str());
+    const bool bLeftBackup =
+        FindMissingTarget(szFile, &sTarget) && IsRegularFile(BackupName(sTarget));
+    const int iRetCode = CfgFile_RecoverFile(szFile);
+    if (iRetCode != CFGFILE_SUCCESS)
+        return ReportWhy("recover", iRetCode, "cannot restore %s from its backup", szFile);
+    if (bLeftBackup && !FindMissingTarget(szFile, &sTarget))
+        fprintf(stderr, "cfgfile: recover: restored %s from %s\n", sTarget.c_str(),
+                BackupName(sTarget).c_str());
     return 0;
 }
 
