@@ -4,10 +4,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <thread>
+
+#include <fcntl.h>
 
 #include "rewrites.h"
 
 extern "C" void CfgFileSeam_Arm(int nCall, int nErrno);
+extern "C" void CfgFileSeam_RefuseLinks(int bRefuse);
 extern "C" int CfgFileSeam_Calls(void);
 
 using namespace cfgtest;
@@ -57,8 +61,7 @@ TEST_P(RewriteFaults, FailedOrKilledCallLeavesWholeFile) {
     printf("[ FAULTS   ] %s: %d fault points, %d failed with the old file, %d unopened\n", op.name,
            2 * nCalls, nFailures, nUnopened);
 
-    // Killed after any call: between the two renames the old content lives only
-    // under the backup name.
+    // Killed after any call: the name always holds the whole old or new file.
     for (int k = 1; k <= nCalls; ++k) {
         SCOPED_TRACE("killed after call " + std::to_string(k));
         fnRestore();
@@ -66,12 +69,77 @@ TEST_P(RewriteFaults, FailedOrKilledCallLeavesWholeFile) {
             CfgFileSeam_Arm(k, 0);
             return Run();
         }));
-        const std::string content = ReadFile(Exists(file) ? file : bak);
-        const bool bWhole = content == kInput || (Exists(file) && content == op.after);
+        const std::string content = ReadFile(file);
+        const bool bWhole = content == kInput || content == op.after;
         EXPECT_TRUE(bWhole) << content;
         nWhole += bWhole;
     }
-    printf("[ CRASHES  ] %s: %d crash points, %d states whole\n", op.name, nCalls, nWhole);
+    printf("[ CRASHES  ] %s: %d crash points, name whole at %d\n", op.name, nCalls, nWhole);
+}
+
+// Where the file system gives no second name (vfat), the old file is moved
+// to the backup name: a crash between the two renames leaves it there, and
+// CfgFile_RecoverFile puts it back.
+TEST_P(RewriteFaults, WithoutHardLinksRecoveryRestoresAWholeFile) {
+    const Rewrite &op = GetParam();
+    CfgFileSeam_RefuseLinks(1);
+    WriteFile(file, kInput);
+    CfgFileSeam_Arm(0, 0);
+    ASSERT_EQ(CFGFILE_SUCCESS, Run());
+    EXPECT_EQ(op.after, ReadFile(file));
+    EXPECT_FALSE(Exists(tmp) || Exists(bak));
+    const int nCalls = CfgFileSeam_Calls();
+    int nRecovered = 0;
+    for (int k = 1; k <= nCalls; ++k) {
+        SCOPED_TRACE("killed after call " + std::to_string(k));
+        unlink(tmp.c_str());
+        unlink(bak.c_str());
+        WriteFile(file, kInput);
+        EXPECT_EQ(-SIGKILL, InChild(false, [&] {
+            CfgFileSeam_Arm(k, 0);
+            return Run();
+        }));
+        CfgFileSeam_Arm(0, 0);
+        nRecovered += !Exists(file);
+        ASSERT_EQ(CFGFILE_SUCCESS, CfgFile_RecoverFile(file.c_str()));
+        const std::string content = ReadFile(file);
+        EXPECT_TRUE(content == kInput || content == op.after) << content;
+    }
+    CfgFileSeam_RefuseLinks(0);
+    EXPECT_EQ(1, nRecovered) << "one crash point lies between the two renames";
+}
+
+// A temporary file that no change holds (its process died) is taken over;
+// one that a live change holds is neither removed nor swapped in: the
+// change waits for it, and fails, untouched, when the wait runs out.
+TEST_P(RewriteFaults, TemporaryFileOfALiveChangeIsNeverTaken) {
+    const Rewrite &op = GetParam();
+    CfgFileSeam_Arm(0, 0);
+    WriteFile(file, kInput);
+    WriteFile(tmp, "left by a change that died");
+    EXPECT_EQ(CFGFILE_SUCCESS, Run());
+    EXPECT_EQ(op.after, ReadFile(file));
+    EXPECT_FALSE(Exists(tmp));
+
+    WriteFile(file, kInput);
+    WriteFile(tmp, "held by a live change");
+    const int fd = open(tmp.c_str(), O_RDWR | O_CLOEXEC);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_start = off_t(1) << 62;
+    lock.l_len = 1;
+    ASSERT_EQ(0, fcntl(fd, F_OFD_SETLK, &lock));
+    EXPECT_EQ(CFGFILE_FAILURE, Run());
+    EXPECT_EQ(kInput, ReadFile(file));
+    EXPECT_EQ("held by a live change", ReadFile(tmp));
+    // Released while the change waits: it goes on and succeeds.
+    std::thread release([&] {
+        usleep(100000);
+        close(fd);
+    });
+    EXPECT_EQ(CFGFILE_SUCCESS, Run());
+    release.join();
+    EXPECT_EQ(op.after, ReadFile(file));
 }
 
 // Lines that need no look are copied in runs: besides the calls that open,

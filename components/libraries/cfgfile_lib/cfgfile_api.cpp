@@ -104,6 +104,7 @@ namespace {
 int g_nSeamCalls = 0;
 int g_nSeamTarget = 0;
 int g_nSeamErrno = 0;
+bool g_bSeamRefuseLinks = false;
 } // namespace
 
 // nCall: the call to act on (1 = first; 0 disarms). nErrno > 0: that call
@@ -116,6 +117,18 @@ extern "C" CFGFILE_API void CfgFileSeam_Arm(int nCall, int nErrno) {
 
 extern "C" CFGFILE_API int CfgFileSeam_Calls() {
     return g_nSeamCalls;
+}
+
+// bRefuse: hard links fail with EPERM, as on vfat.
+extern "C" CFGFILE_API void CfgFileSeam_RefuseLinks(int bRefuse) {
+    g_bSeamRefuseLinks = bRefuse != 0;
+}
+
+static int LinkFile(const char *szOld, const char *szNew) {
+    if (!g_bSeamRefuseLinks)
+        return link(szOld, szNew);
+    errno = EPERM;
+    return -1;
 }
 
 template <class Call, class Result> static Result Sys(Call call, Result failure) {
@@ -132,6 +145,10 @@ template <class Call, class Result> static Result Sys(Call call, Result failure)
 #else
 template <class Call, class Result> static inline Result Sys(Call call, Result) {
     return call();
+}
+
+static inline int LinkFile(const char *szOld, const char *szNew) {
+    return link(szOld, szNew);
 }
 #endif
 
@@ -1055,7 +1072,6 @@ bool SyncDirectoryOf(const char *szPath) {
     return Sys([&] { return fsync(dir.Get()); }, -1) == 0;
 }
 
-
 // ------------------------------------------------ exclusion of changes
 //
 // Changes of one file exclude each other through locks on the files they
@@ -1724,10 +1740,10 @@ enum class Verdict {
 
 // How an operation differs in the sequence.
 struct RewriteRules {
-    const char *szFunction;     // the name its traces carry
-    int nProcessingLevel;       // level of "Processing line %d."
-    bool bTemporaryClosedFirst; // the temporary file is closed before the file
-    bool bDiscardWhenUnchanged; // keep the file when nothing was left out
+    const char *szFunction;       // the name its traces carry
+    int nProcessingLevel;         // level of "Processing line %d."
+    bool bTemporaryClosedFirst;   // the temporary file is closed before the file
+    bool bDiscardWhenUnchanged;   // keep the file when nothing was left out
     bool bCreatesMissing = false; // a missing file is created (the writer)
 };
 
@@ -1906,7 +1922,7 @@ int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &
 // on disk, the backup is deleted.
 int SwapIn(const char *szFunction, const RewriteNames &names) {
     const char *szFileName = names.szTarget;
-    const bool bLinked = Sys([&] { return link(szFileName, names.szBackupFileName); }, -1) == 0;
+    const bool bLinked = Sys([&] { return LinkFile(szFileName, names.szBackupFileName); }, -1) == 0;
     if (!bLinked && Sys([&] { return rename(szFileName, names.szBackupFileName); }, -1) != 0) {
         const int nErr = errno;
         CFG_TRACE_AS(szFunction, 7,
@@ -2242,8 +2258,7 @@ int CreateNewFile(const RewriteNames &names, LockedTemp &temp, int nOpenErrno,
     file.Write("[") && file.Write(szSection) && file.Write("]\n") &&
         file.WriteKeyLine(szKeyName, szValue, "\n");
     const bool bWritten =
-        file.Commit(true) &&
-        Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) == 0;
+        file.Commit(true) && Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) == 0;
     const bool bComplete = bWritten && SyncDirectoryOf(szFileName);
     CFG_TRACE_AS(kWriteValue, 7, "closed \"%s\".\n", szFileName);
     if (!bComplete) {
@@ -2546,7 +2561,8 @@ bool FindMissingTarget(const char *szPath, char (&szTarget)[kPathBufferSize]) {
         szLink[nLength] = '\0';
         // A relative link is read from the directory of the link.
         char *pcSlash = strrchr(szTarget, '/');
-        const size_t nDirectory = szLink[0] == '/' || pcSlash == nullptr ? 0 : pcSlash + 1 - szTarget;
+        const size_t nDirectory =
+            szLink[0] == '/' || pcSlash == nullptr ? 0 : pcSlash + 1 - szTarget;
         if (nDirectory + static_cast<size_t>(nLength) >= sizeof(szTarget))
             return false;
         memcpy(szTarget + nDirectory, szLink, static_cast<size_t>(nLength) + 1);
@@ -2568,7 +2584,8 @@ int RestoreBackup(RewriteNames &names) {
     LockedTemp temp;
     temp.Acquire(names.szTmpFileName, Deadline());
     if (temp.Errno() == EWOULDBLOCK) {
-        CFG_TRACE_AS(kRecoverFile, 7, "Timed out waiting for a change of \"%s\".\n", names.szTarget);
+        CFG_TRACE_AS(kRecoverFile, 7, "Timed out waiting for a change of \"%s\".\n",
+                     names.szTarget);
         return CFGFILE_FAILURE;
     }
     char szMissing[kPathBufferSize];
