@@ -1156,11 +1156,12 @@ bool IsHeldByOther(const char *szPath) {
     return file.IsOpen() && fcntl(file.Get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-// Whether fd is the file that szPath names now (links not followed).
-bool IsFileAt(int fd, const char *szPath) {
-    struct stat open, named;
-    return fstat(fd, &open) == 0 && lstat(szPath, &named) == 0 && open.st_dev == named.st_dev &&
-           open.st_ino == named.st_ino;
+// Whether the open file of status stOpen is the one szPath names now
+// (links not followed).
+bool IsFileAt(const struct stat &stOpen, const char *szPath) {
+    struct stat stNamed;
+    return lstat(szPath, &stNamed) == 0 && stOpen.st_dev == stNamed.st_dev &&
+           stOpen.st_ino == stNamed.st_ino;
 }
 
 // The temporary file of a change, open and locked for the whole change.
@@ -1209,6 +1210,8 @@ class LockedTemp {
     }
 
     bool Held() const { return m_fd >= 0; }
+    // Created by this change: empty, and no leftover to clear.
+    bool Created() const { return m_bCreated; }
     int Fd() const { return m_fd; }
     int Errno() const { return m_nErrno; }
     // The change has written to it: it stays, whatever follows.
@@ -1246,8 +1249,8 @@ class LockedTemp {
             return Fail(EWOULDBLOCK);
         }
         struct stat st;
-        const bool bAtName = IsFileAt(fd, m_szPath);
-        if (bAtName && fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        const bool bAtName = fstat(fd, &st) == 0 && IsFileAt(st, m_szPath);
+        if (bAtName && S_ISREG(st.st_mode)) {
             m_fd = fd;
             m_bCreated = bCreated;
             return true;
@@ -2001,7 +2004,8 @@ __attribute__((noinline)) RewriteResult CopyAndSwap(const RewriteRules &rules,
     // Private (0600) until it has the file's mode and owner; a leftover of
     // an earlier change is emptied.
     OutputFile tmp;
-    if (!temp.Held() || Sys([&] { return ftruncate(temp.Fd(), 0); }, -1) != 0 ||
+    if (!temp.Held() ||
+        (!temp.Created() && Sys([&] { return ftruncate(temp.Fd(), 0); }, -1) != 0) ||
         !tmp.Adopt(temp.Fd())) {
         CFG_TRACE_AS(szFunction, 7, "Unable to open tmp file \"%s\".\n", names.szTmpFileName);
         readFile.Close();
@@ -2047,11 +2051,10 @@ __attribute__((noinline)) RewriteResult CopyAndSwap(const RewriteRules &rules,
     return {true, true, 0, SwapIn(szFunction, names)};
 }
 
-// Whether fd is a regular file, or no file at all (*pbMissing).
-bool IsRegularOrMissing(int fd, bool *pbMissing) {
-    struct stat st;
+// Whether fd (of status *pst) is a regular file, or no file at all (*pbMissing).
+bool IsRegularOrMissing(int fd, struct stat *pst, bool *pbMissing) {
     *pbMissing = fd < 0;
-    return fd < 0 || (fstat(fd, &st) == 0 && S_ISREG(st.st_mode));
+    return fd < 0 || (fstat(fd, pst) == 0 && S_ISREG(pst->st_mode));
 }
 
 // For a name that could not be opened since what it leads to is missing:
@@ -2081,8 +2084,9 @@ int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &
     if (fd == -1 && errno == ENOENT)
         fd = NothingAt(names.szTarget);
     bool bMissing;
+    struct stat st;
     if (fd == kTargetTooLong || (fd < 0 && !(rules.bCreatesMissing && errno == ENOENT)) ||
-        !IsRegularOrMissing(fd, &bMissing))
+        !IsRegularOrMissing(fd, &st, &bMissing))
         return fd;
     const Deadline deadline;
     temp.Acquire(names.szTmpFileName, deadline);
@@ -2090,7 +2094,7 @@ int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &
         if (!bMissing && LockUntil(fd, F_RDLCK, deadline) == LockResult::Busy)
             temp.Release();
         else if (bMissing ? NothingAt(names.szTarget) < 0 && errno == ENOENT
-                          : IsFileAt(fd, names.szTarget))
+                          : IsFileAt(st, names.szTarget))
             break;
         else {
             if (fd >= 0)
@@ -2099,6 +2103,8 @@ int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &
             if (fd < 0 && errno != ENOENT)
                 return fd;
             bMissing = fd < 0;
+            if (fd >= 0 && fstat(fd, &st) != 0)
+                return fd; // the reader finds out what it is
         }
     }
     errno = ENOENT; // what a missing file's change saw, whatever came after
