@@ -1,0 +1,96 @@
+// recovery.cpp - puts a file back from its backup after a change was
+// interrupted while the old file was moved aside.
+#include "rewrite.h"
+
+namespace cfglib {
+namespace {
+
+// Follows the chain of symbolic links at szPath to its end, into szTarget:
+// true when nothing stands there (the file is missing).
+bool FindMissingTarget(const char *szPath, char (&szTarget)[kPathBufferSize]) {
+    constexpr int kMaxLinkHops = 40; // as the kernel's limit
+    CopyString(szTarget, szPath, sizeof(szTarget));
+    for (int iHop = 0; iHop < kMaxLinkHops; ++iHop) {
+        struct stat st;
+        if (lstat(szTarget, &st) != 0)
+            return errno == ENOENT;
+        if (!S_ISLNK(st.st_mode))
+            return false;
+        char szLink[kPathBufferSize];
+        const ssize_t nLength = readlink(szTarget, szLink, sizeof(szLink) - 1);
+        if (nLength <= 0 || static_cast<size_t>(nLength) >= sizeof(szLink) - 1)
+            return false;
+        szLink[nLength] = '\0';
+        // A relative link is read from the directory of the link.
+        char *pcSlash = strrchr(szTarget, '/');
+        const size_t nDirectory =
+            szLink[0] == '/' || pcSlash == nullptr ? 0 : pcSlash + 1 - szTarget;
+        if (nDirectory + static_cast<size_t>(nLength) >= sizeof(szTarget))
+            return false;
+        memcpy(szTarget + nDirectory, szLink, static_cast<size_t>(nLength) + 1);
+    }
+    return false;
+}
+
+// Whether a regular file stands at szPath.
+bool IsRegularFileAt(const char *szPath) {
+    struct stat st;
+    return lstat(szPath, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+constexpr char kRecoverFile[] = "CfgFile_RecoverFile";
+
+// Moves the backup back to the missing file's name, under the exclusion of
+// changes, so that a change in the middle of its swap is never undone.
+int RestoreBackup(RewriteNames &names) {
+    LockedTemp temp;
+    temp.Acquire(names.szTmpFileName, Deadline());
+    if (temp.Errno() == EWOULDBLOCK) {
+        CFG_TRACE_AS(kRecoverFile, 7, "Timed out waiting for a change of \"%s\".\n",
+                     names.szTarget);
+        return CFGFILE_FAILURE;
+    }
+    char szMissing[kPathBufferSize];
+    if (!FindMissingTarget(names.szTarget, szMissing) || !IsRegularFileAt(names.szBackupFileName)) {
+        CFG_TRACE_AS(kRecoverFile, 7, "Nothing to recover for \"%s\".\n", names.szTarget);
+        return CFGFILE_SUCCESS;
+    }
+    if (Sys([&] { return rename(names.szBackupFileName, names.szTarget); }, -1) != 0 ||
+        !SyncDirectoryOf(names.szTarget)) {
+        const int nErr = errno;
+        CFG_TRACE_AS(kRecoverFile, 7, "Failed to restore \"%s\" from backup \"%s\", errno=%d.\n",
+                     names.szTarget, names.szBackupFileName, nErr);
+        return CFGFILE_FAILURE;
+    }
+    CFG_TRACE_AS(kRecoverFile, 7, "Restored \"%s\" from backup \"%s\".\n", names.szTarget,
+                 names.szBackupFileName);
+    return CFGFILE_SUCCESS;
+}
+
+} // namespace
+} // namespace cfglib
+
+using namespace cfglib;
+
+extern "C" {
+
+CFGFILE_API int CfgFile_RecoverFile(const char *szFileName) {
+    CFG_TRACE(7, "Called, file=\"%s\".\n", szFileName);
+    RewriteNames names;
+    const int iRetCode = PrepareRewrite(kRecoverFile, szFileName, names);
+    if (iRetCode != CFGFILE_SUCCESS)
+        return iRetCode;
+    char szMissing[kPathBufferSize];
+    if (!FindMissingTarget(szFileName, szMissing)) {
+        CFG_TRACE(7, "Nothing to recover for \"%s\".\n", szFileName);
+        return CFGFILE_SUCCESS;
+    }
+    if (strlen(szMissing) > kMaxFileNameLength) {
+        CFG_TRACE(7, "filename is invalid.\n");
+        return CFGFILE_BAD_PARAMETERS;
+    }
+    NameRewrite(kRecoverFile, szMissing, names);
+    return RestoreBackup(names);
+}
+
+} // extern "C"

@@ -1,0 +1,262 @@
+// rewrite.cpp - the sequence of a change: open the file and take the
+// change's exclusion, copy it through the operation into the temporary file,
+// commit that, and swap it in through the backup name.
+#include "rewrite.h"
+
+#include <climits>
+
+namespace cfglib {
+
+// Names the file szPath and its temporary and backup files.
+void NameRewrite(const char *szFunction, const char *szPath, RewriteNames &names) {
+    CopyString(names.szTarget, szPath, sizeof(names.szTarget));
+    CopyString(names.szBackupFileName, szPath, sizeof(names.szBackupFileName));
+    CopyString(names.szTmpFileName, szPath, sizeof(names.szTmpFileName));
+    if (!StringReplaceAddSuffix(names.szBackupFileName, sizeof(names.szBackupFileName), '.', "bak"))
+        _DoAssert(
+            "StringReplaceAddSuffix(szBackupFileName, sizeof(szBackupFileName), '.', \"bak\")",
+            szFunction, __FILE_NAME__, __LINE__);
+    if (!StringReplaceAddSuffix(names.szTmpFileName, sizeof(names.szTmpFileName), '.', "tmp"))
+        _DoAssert("StringReplaceAddSuffix(szTmpFileName, sizeof(szTmpFileName), '.', \"tmp\")",
+                  szFunction, __FILE_NAME__, __LINE__);
+}
+
+// Checks the name and builds the names of the temporary and backup files.
+int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames &names) {
+    if (szFileName == nullptr || strlen(szFileName) > kMaxFileNameLength) {
+        CFG_TRACE_AS(szFunction, 7, "filename is invalid.\n");
+        return CFGFILE_BAD_PARAMETERS;
+    }
+    NameRewrite(szFunction, szFileName, names);
+    return CFGFILE_SUCCESS;
+}
+
+// Returned by OpenRewriteTarget for a link whose target's path is too long.
+static constexpr int kTargetTooLong = -2;
+
+// Opens the file a rewrite works on: the name itself, or the target of a
+// symbolic link there, which then names the companion files too, so that
+// the link stays a link and they lie on the target's file system. The link
+// is told by the open itself (O_NOFOLLOW fails on it with ELOOP). -1 with
+// errno when the file cannot be opened for reading.
+__attribute__((noinline)) static int OpenRewriteTarget(const char *szFunction,
+                                                       RewriteNames &names) {
+    const int fd = OpenFile(names.szTarget, O_NOFOLLOW);
+    if (fd >= 0 || errno != ELOOP)
+        return fd;
+    char szResolved[PATH_MAX];
+    if (realpath(names.szTarget, szResolved) != nullptr) { // else dangling: the name itself
+        if (strlen(szResolved) > kMaxFileNameLength)
+            return kTargetTooLong;
+        NameRewrite(szFunction, szResolved, names);
+    }
+    return OpenFile(names.szTarget);
+}
+
+// Copies the rest of the file unchanged: the rest of the block, then the
+// rest of the file, by the kernel where it can. False when a write failed.
+bool CopyTail(LineReader &reader, OutputFile &tmp) {
+    const std::string_view rest = reader.TakeBlockRest();
+    tmp.CopyPending(rest.data(), rest.size());
+    // When the block held the end of the file, its rest waits with the text
+    // before it, to go out in one write; else the kernel's copy comes after
+    // everything written so far.
+    if (reader.AtEnd())
+        return !tmp.Failed();
+    if (!tmp.Flush())
+        return false;
+    if (reader.SendRest(tmp.Descriptor()))
+        return true;
+    for (std::string_view block; !(block = reader.PassBlock()).empty();) {
+        tmp.CopyPending(block.data(), block.size());
+        if (tmp.Failed())
+            return false;
+    }
+    return true;
+}
+
+namespace {
+
+// Swaps the new file in. The old file gets the backup name as a second name
+// and the new one is renamed over the file's name, so that the name always
+// holds a whole file; where the file system gives no second names (vfat),
+// the old file is moved to the backup name instead. Once the directory is
+// on disk, the backup is deleted.
+int SwapIn(const char *szFunction, const RewriteNames &names) {
+    const char *szFileName = names.szTarget;
+    const bool bLinked = Sys([&] { return LinkFile(szFileName, names.szBackupFileName); }, -1) == 0;
+    if (!bLinked && Sys([&] { return rename(szFileName, names.szBackupFileName); }, -1) != 0) {
+        const int nErr = errno;
+        CFG_TRACE_AS(szFunction, 7,
+                     "Failed to rename config file \"%s\" to backup \"%s\", errno=%d, \"%s\".\n",
+                     szFileName, names.szBackupFileName, nErr, strerror(nErr));
+        return CFGFILE_FAILURE;
+    }
+    if (Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) != 0) {
+        const int nErr = errno;
+        CFG_TRACE_AS(szFunction, 7,
+                     "Failed to move tmp file to new config file, errno=%d, \"%s\".\n", nErr,
+                     strerror(nErr));
+        if (bLinked)
+            Sys([&] { return unlink(names.szBackupFileName); }, -1);
+        else
+            Sys([&] { return rename(names.szBackupFileName, szFileName); }, -1);
+        return CFGFILE_FAILURE;
+    }
+    // The new file is in place. Until the directory is on disk, the backup
+    // is the only copy sure to survive a power cut: keep it then.
+    if (!SyncDirectoryOf(szFileName))
+        return CFGFILE_SUCCESS;
+    if (Sys([&] { return unlink(names.szBackupFileName); }, -1) != 0)
+        CFG_TRACE_AS(szFunction, 7, "Failed to delete backup file \"%s\".\n",
+                     names.szBackupFileName);
+    return CFGFILE_SUCCESS;
+}
+
+// Rewrites names.szTarget, open for reading as fd, through the temporary
+// and backup files.
+__attribute__((noinline)) RewriteResult CopyAndSwap(const RewriteRules &rules,
+                                                    const RewriteNames &names, int fd,
+                                                    LockedTemp &temp, RewriteSteps &op) {
+    const char *szFunction = rules.szFunction;
+    const char *szFileName = names.szTarget;
+    FileDescriptor readFile(fd);
+    // The block outlives the temporary file: text of it may wait there until the commit.
+    ReaderBuffer<kRewriteBlockSize> buffer;
+    LineReader reader(readFile.Get(), buffer);
+    // What is no regular file counts as a file that cannot be opened for
+    // reading; its type is looked up after the first read, before anything
+    // is created beside it.
+    if (!reader.Start(true)) {
+        const int nErr = errno;
+        return {false, false, nErr, CFGFILE_FAILURE};
+    }
+    CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", szFileName);
+
+    // Private (0600) until it has the file's mode and owner; a leftover of
+    // an earlier change is emptied.
+    OutputFile tmp;
+    if (!temp.Held() ||
+        (!temp.Created() && Sys([&] { return ftruncate(temp.Fd(), 0); }, -1) != 0) ||
+        !tmp.Adopt(temp.Fd())) {
+        CFG_TRACE_AS(szFunction, 7, "Unable to open tmp file \"%s\".\n", names.szTmpFileName);
+        readFile.Close();
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", szFileName);
+        return {true, false, 0, CFGFILE_FAILURE};
+    }
+    temp.MarkUsed();
+    CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", names.szTmpFileName);
+    CopyFilePermissions(szFileName, tmp.Stream());
+    CopyFileOwnership(szFileName, tmp.Stream());
+
+    reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
+    int iRetCode = op.Copy(rules, names, reader, tmp);
+    if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
+        iRetCode = CFGFILE_FAILURE;
+    const bool bSwap =
+        iRetCode == CFGFILE_SUCCESS && (op.Changed() || !rules.bDiscardWhenUnchanged);
+
+    // A temporary file that could not be written, flushed, synced or closed
+    // whole is never swapped in.
+    bool bComplete;
+    if (rules.bTemporaryClosedFirst) {
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", names.szTmpFileName);
+        bComplete = tmp.Commit(bSwap);
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", szFileName);
+        readFile.Close();
+    } else {
+        readFile.Close();
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", szFileName);
+        CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", names.szTmpFileName);
+        bComplete = tmp.Commit(bSwap);
+    }
+    if (bSwap && !bComplete)
+        iRetCode = CFGFILE_FAILURE;
+    if (iRetCode != CFGFILE_SUCCESS)
+        return {true, true, 0, iRetCode};
+
+    Sys([&] { return unlink(names.szBackupFileName); }, -1);
+    if (!bSwap) {
+        Sys([&] { return unlink(names.szTmpFileName); }, -1);
+        return {true, true, 0, iRetCode};
+    }
+    return {true, true, 0, SwapIn(szFunction, names)};
+}
+
+// Whether fd (of status *pst) is a regular file, or no file at all (*pbMissing).
+bool IsRegularOrMissing(int fd, struct stat *pst, bool *pbMissing) {
+    *pbMissing = fd < 0;
+    return fd < 0 || (fstat(fd, pst) == 0 && S_ISREG(pst->st_mode));
+}
+
+// For a name that could not be opened since what it leads to is missing:
+// -1 with errno ENOENT when nothing stands there, EEXIST for a link that
+// leads nowhere, which is never replaced by a new file.
+int NothingAt(const char *szPath) {
+    struct stat st;
+    errno = lstat(szPath, &st) == 0 ? EEXIST : ENOENT;
+    return -1;
+}
+
+// Opens szPath for a change: -1 with errno when it cannot.
+int OpenForChange(const char *szPath) {
+    const int fd = OpenFile(szPath);
+    return fd < 0 && errno == ENOENT ? NothingAt(szPath) : fd;
+}
+
+// Opens the file a change works on (-1 with errno when it cannot) and takes
+// the change's exclusion: its temporary file, then the file, once the
+// change that put it there is through. What holds the name after the wait
+// is opened anew, since a change replaces the file. A missing file is
+// waited for where the change would create it; anything but a regular file
+// is left to the reader to refuse, with nothing created beside it. Where the
+// temporary file cannot be had, the change reports it when it would create it.
+int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp) {
+    int fd = OpenRewriteTarget(rules.szFunction, names);
+    if (fd == -1 && errno == ENOENT)
+        fd = NothingAt(names.szTarget);
+    bool bMissing;
+    struct stat st;
+    if (fd == kTargetTooLong || (fd < 0 && !(rules.bCreatesMissing && errno == ENOENT)) ||
+        !IsRegularOrMissing(fd, &st, &bMissing))
+        return fd;
+    const Deadline deadline;
+    temp.Acquire(names.szTmpFileName, deadline);
+    while (temp.Held()) {
+        if (!bMissing && LockUntil(fd, F_RDLCK, deadline) == LockResult::Busy)
+            temp.Release();
+        else if (bMissing ? NothingAt(names.szTarget) < 0 && errno == ENOENT
+                          : IsFileAt(st, names.szTarget))
+            break;
+        else {
+            if (fd >= 0)
+                close(fd);
+            fd = OpenForChange(names.szTarget);
+            if (fd < 0 && errno != ENOENT)
+                return fd;
+            bMissing = fd < 0;
+            if (fd >= 0 && fstat(fd, &st) != 0)
+                return fd; // the reader finds out what it is
+        }
+    }
+    errno = ENOENT; // what a missing file's change saw, whatever came after
+    return fd;
+}
+
+} // namespace
+
+// Rewrites the file named in names (retargeted to a link's target), with
+// temp held. The sequence is compiled once; only the operation's steps differ.
+RewriteResult RunRewrite(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp,
+                         RewriteSteps &op) {
+    const int fd = OpenExclusively(rules, names, temp);
+    if (fd == kTargetTooLong) {
+        CFG_TRACE_AS(rules.szFunction, 7, "filename is invalid.\n");
+        return {true, false, 0, CFGFILE_BAD_PARAMETERS};
+    }
+    if (fd < 0)
+        return {false, false, errno, CFGFILE_FAILURE};
+    return CopyAndSwap(rules, names, fd, temp, op);
+}
+
+} // namespace cfglib

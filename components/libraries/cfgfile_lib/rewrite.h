@@ -1,0 +1,195 @@
+// rewrite.h - the safe rewrite, written once: a change streams the file
+// line by line into "<name>.tmp", then swaps it in. Each operation supplies
+// its line buffer size, its decision for each line and its rules.
+#ifndef CFGFILE_REWRITE_H
+#define CFGFILE_REWRITE_H
+
+#include "change_lock.h"
+#include "line_grammar.h"
+#include "output_file.h"
+
+namespace cfglib {
+
+// One read of a rewrite, as an operation sees it.
+struct RewriteLine {
+    const char *szText; // the read, terminated; copied as it is unless left out
+    size_t nLength;     // bytes read, line feed included
+    int iLineCount;
+    bool bHasNewline;
+    bool bPiece; // first or middle piece of a line longer than the buffer
+
+    // A line ending in its line feed: neither a piece nor an unterminated last line.
+    bool IsWholeLine() const { return bHasNewline && !bPiece; }
+};
+
+enum class Verdict {
+    Copy,        // copy the read unchanged
+    LeaveOut,    // leave the read out of the new file
+    Written,     // the operation has written what stands for the read
+    WriteFailed, // a write of the operation failed
+    Stop,        // nothing more will change: stop reading (the copy is discarded)
+};
+
+// How an operation differs in the sequence.
+struct RewriteRules {
+    const char *szFunction;       // the name its traces carry
+    int nProcessingLevel;         // level of "Processing line %d."
+    bool bTemporaryClosedFirst;   // the temporary file is closed before the file
+    bool bDiscardWhenUnchanged;   // keep the file when nothing was left out
+    bool bCreatesMissing = false; // a missing file is created (the writer)
+};
+
+struct RewriteNames {
+    char szTarget[kPathBufferSize]; // the file rewritten: the name, or a link's target
+    char szTmpFileName[kPathBufferSize];
+    char szBackupFileName[kPathBufferSize];
+};
+
+struct RewriteResult {
+    bool bOpened;  // false: the file could not be opened for reading (nErrno)
+    bool bCopying; // the temporary file was created and the copy begun
+    int nErrno;
+    int iRetCode; // the result, when the file was opened
+};
+
+// Names the file szPath and its temporary and backup files.
+void NameRewrite(const char *szFunction, const char *szPath, RewriteNames &names);
+
+// Checks the name and builds the names of the temporary and backup files.
+int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames &names);
+
+// Copies the rest of the file unchanged: the rest of the block, then the
+// rest of the file, by the kernel where it can. False when a write failed.
+bool CopyTail(LineReader &reader, OutputFile &tmp);
+
+// Copies a read unchanged. A read handed out in the reader's block joins the
+// run of copied text before it, written out in one go (before the block is
+// read over, or before anything else is written).
+inline bool CopyRead(const LineReader &reader, OutputFile &tmp, const char *szLine,
+                     size_t nLength) {
+    if (!reader.LastInBlock())
+        return tmp.Write(szLine, nLength);
+    tmp.CopyPending(szLine, nLength);
+    return !tmp.Failed();
+}
+
+// Passes the lines that the operation need not look at straight on, in runs
+// of the reader's block: copied, or left out. After the change, the tail
+// passes whole. False when a write failed.
+template <size_t N, class Operation>
+bool PassLines(LineReader &reader, OutputFile &tmp, const Operation &op) {
+    for (;;) {
+        if (op.InTail())
+            return CopyTail(reader, tmp);
+        const LineFilter lineFilter = op.Passable();
+        if (!lineFilter.bPass)
+            return true;
+        const std::string_view run = reader.PassLines(lineFilter, N);
+        if (run.empty())
+            return true;
+        if (!lineFilter.bLeaveOut) {
+            tmp.CopyPending(run.data(), run.size());
+            if (tmp.Failed())
+                return false;
+        }
+    }
+}
+
+// Copies the file into the temporary file, line by line, as the operation
+// decides. The end of an over-long line and a read holding NUL bytes pass
+// through unchanged: a line is copied or left out whole, never split or cut.
+template <size_t N, class Operation>
+int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
+              OutputFile &tmp, Operation &op) {
+    const char *szFunction = rules.szFunction;
+    char szLineBuffer[N];
+    int iLineCount = 0;
+    bool bInsideLine = false; // the previous read ended inside a line
+    // Lines pass unread only while no trace counts them.
+    const bool bPassLines = !TraceOn(kLineTraceLevel);
+    char *szLine;
+    size_t nLength;
+    for (;;) {
+        if (bPassLines && !PassLines<N>(reader, tmp, op))
+            return CFGFILE_FAILURE;
+        if (!reader.Next(szLineBuffer, N, &szLine, &nLength))
+            break;
+        ++iLineCount;
+        CFG_TRACE_AS(szFunction, rules.nProcessingLevel, "Processing line %d.\n", iLineCount);
+        const bool bHasNewline = szLine[nLength - 1] == '\n';
+        const bool bFullPiece = !bHasNewline && nLength == N - 1;
+        const bool bLastPiece = bInsideLine && !bFullPiece;
+        const RewriteLine line{szLine, nLength, iLineCount, bHasNewline, bInsideLine || bFullPiece};
+        bInsideLine = !bHasNewline;
+
+        if (op.InTail()) {
+            if (!CopyRead(reader, tmp, szLine, nLength)) {
+                CFG_TRACE_AS(szFunction, 7, "Unable to write \"%s\" to tmp file \"%s\".\n", szLine,
+                             names.szTmpFileName);
+                return CFGFILE_FAILURE;
+            }
+            continue;
+        }
+        const Verdict verdict =
+            bLastPiece || reader.LastHoldsNul() ? Verdict::Copy : op.Classify(line, tmp);
+        switch (verdict) {
+        case Verdict::Copy:
+            if (!CopyRead(reader, tmp, szLine, nLength))
+                return CFGFILE_FAILURE;
+            break;
+        case Verdict::LeaveOut:
+        case Verdict::Written:
+            break;
+        case Verdict::WriteFailed:
+            return CFGFILE_FAILURE;
+        case Verdict::Stop:
+            return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
+        }
+    }
+    // A read error must not pass for the end of the file.
+    return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
+}
+
+// What a rewrite calls back of its operation: the copy of the lines, the
+// text added after them, and whether anything changed.
+class RewriteSteps {
+  public:
+    virtual int Copy(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
+                     OutputFile &tmp) = 0;
+    virtual bool Finish(OutputFile &tmp) = 0;
+    virtual bool Changed() const = 0;
+
+  protected:
+    ~RewriteSteps() = default;
+};
+
+template <size_t N, class Operation> class StepsOf final : public RewriteSteps {
+  public:
+    explicit StepsOf(Operation &op) : m_op(op) {}
+    int Copy(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
+             OutputFile &tmp) override {
+        return CopyLines<N>(rules, names, reader, tmp, m_op);
+    }
+    bool Finish(OutputFile &tmp) override { return m_op.Finish(tmp); }
+    bool Changed() const override { return m_op.Changed(); }
+
+  private:
+    Operation &m_op;
+};
+
+// Rewrites the file named in names (retargeted to a link's target), with
+// temp held. The sequence is compiled once; only the operation's steps differ.
+RewriteResult RunRewrite(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp,
+                         RewriteSteps &op);
+
+// Rewrites the file with an operation that reads lines of up to N - 1 bytes.
+template <size_t N, class Operation>
+RewriteResult RewriteFile(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp,
+                          Operation &op) {
+    StepsOf<N, Operation> steps(op);
+    return RunRewrite(rules, names, temp, steps);
+}
+
+} // namespace cfglib
+
+#endif
