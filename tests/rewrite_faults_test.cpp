@@ -154,7 +154,7 @@ TEST_P(RewriteFaults, SystemCallsGrowWithBlocksNotLines) {
     TraceCapture silent(0); // a trace that numbers lines makes every line a stop
     CfgFileSeam_Arm(0, 0);
     ASSERT_EQ(CFGFILE_SUCCESS, Run());
-    const int nBlocks = static_cast<int>(input.size() / 16384) + 1;
+    const int nBlocks = static_cast<int>(input.size() / CFGFILE_IO_BLOCK) + 1;
     EXPECT_LE(CfgFileSeam_Calls(), 16 + 2 * nBlocks) << input.size() << " bytes";
 }
 

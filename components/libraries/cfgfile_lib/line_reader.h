@@ -9,28 +9,27 @@
 
 namespace cfglib {
 
-// Block sizes of the reader: a lookup reads a page at a time; a rewrite,
-// which also writes every block, reads larger ones to halve its system calls.
-// A block is read from its start, never after a carried line, so that reads
-// stay at multiples of the block while the file reads in whole blocks: a read
-// across a page boundary costs the kernel a page more.
-constexpr size_t kLookupBlockSize = 4096;
-constexpr size_t kRewriteBlockSize = 16384;
+// The block of the reader, a build option (-DCFGFILE_IO_BLOCK=bytes, a
+// multiple of 64, at least 1280). The default keeps every call within 4 KiB
+// of stack; a larger block saves a read and a write per block of a large
+// file, at the cost of as much stack. The unfinished line that ends a full
+// block moves to its start, and the next read fills the rest: a line read
+// whole (1199 bytes at most) always leaves room to read on.
+#ifndef CFGFILE_IO_BLOCK
+#define CFGFILE_IO_BLOCK 1280
+#endif
+constexpr size_t kLookupBlockSize = CFGFILE_IO_BLOCK;
+constexpr size_t kRewriteBlockSize = CFGFILE_IO_BLOCK;
+// The longest unfinished line carried to the start of the block.
+constexpr size_t kMaxCarry = kLongLineBufferSize - 1;
+static_assert(CFGFILE_IO_BLOCK % 64 == 0 && CFGFILE_IO_BLOCK >= kMaxCarry + 81);
 
 // The kernel copies a read faster into a block that starts on a cache line.
 constexpr size_t kBlockAlignment = 64;
 
-// Room before the block for the unfinished line that ended the block before:
-// it moves there, so that it can pass with the lines after it. A longer one
-// stays where it is and is put together across the blocks, as any read is.
-// At least the longest line read whole (1199 bytes); the block after it stays
-// aligned.
-constexpr size_t kCarryRoom = 1216;
-static_assert(kCarryRoom >= kLongLineBufferSize - 1 && kCarryRoom % kBlockAlignment == 0);
-
-// The buffer of a reader of nBlockSize blocks: carry room, block, terminator.
+// The buffer of a reader of nBlockSize blocks: the block, and a terminator.
 template <size_t nBlockSize> struct alignas(kBlockAlignment) ReaderBuffer {
-    char bytes[kCarryRoom + nBlockSize + 1];
+    char bytes[nBlockSize + 1];
 };
 
 // Reads a file line by line like fgets, through the caller's block buffer,
@@ -65,20 +64,35 @@ class LineReader {
         return false;
     }
 
-    // Reads up to nCapacity - 1 bytes, stopping after a line feed, and hands
-    // them out terminated in *pszLine: in the block, or copied into szSpill
-    // (nCapacity bytes) when they span two blocks; *pnLength is their number.
-    // False at the end of the file, after a read error, or when nCapacity < 2.
-    // The text may be changed until the next call.
-    bool Next(char *szSpill, size_t nCapacity, char **pszLine, size_t *pnLength) {
+    // Reads up to nCapacity - 1 bytes (at most kMaxCarry + 1), stopping after a
+    // line feed, and hands them out terminated in *pszLine, in the block;
+    // *pnLength is their number. A read that runs past the end of a full
+    // block is carried with the block read after it, so no read is ever
+    // copied. False at the end of the file, after a read error (a line it
+    // cuts is no line), or when nCapacity < 2. The text may be changed until
+    // the next call.
+    bool Next(size_t nCapacity, char **pszLine, size_t *pnLength) {
         Unterminate();
+        if (nCapacity < 2)
+            return false;
         const size_t nMax = nCapacity - 1;
-        const size_t nAvailable = m_nEnd - m_nPos < nMax ? m_nEnd - m_nPos : nMax;
+        for (;;) {
+            const size_t nAvailable = m_nEnd - m_nPos < nMax ? m_nEnd - m_nPos : nMax;
+            char *pcStart = m_block + m_nPos;
+            const void *pvNewline = memchr(pcStart, '\n', nAvailable);
+            if (pvNewline != nullptr || nAvailable == nMax)
+                return HandOut(pvNewline ? static_cast<const char *>(pvNewline) - pcStart + 1
+                                         : nMax,
+                               pszLine, pnLength);
+            if (!ReadOnAfterLine())
+                return !m_bFailed && nAvailable > 0 && HandOut(nAvailable, pszLine, pnLength);
+        }
+    }
+
+  private:
+    // Hands out the nTake bytes at the reader's position, terminated.
+    bool HandOut(size_t nTake, char **pszLine, size_t *pnLength) {
         char *pcStart = m_block + m_nPos;
-        const void *pvNewline = memchr(pcStart, '\n', nAvailable);
-        if (nCapacity < 2 || (pvNewline == nullptr && (nAvailable < nMax || nAvailable == 0)))
-            return NextAcrossBlocks(szSpill, nCapacity, pszLine, pnLength);
-        const size_t nTake = pvNewline ? static_cast<const char *>(pvNewline) - pcStart + 1 : nMax;
         m_nPos += nTake;
         m_cTerminated = m_block[m_nPos];
         m_block[m_nPos] = '\0';
@@ -90,13 +104,13 @@ class LineReader {
         return true;
     }
 
-  private:
-    // The rare read that runs past the end of the block, or the file's end.
-    __attribute__((noinline)) bool NextAcrossBlocks(char *szSpill, size_t nCapacity, char **pszLine,
-                                                    size_t *pnLength) {
-        *pnLength = ReadLine(szSpill, nCapacity);
-        *pszLine = szSpill;
-        return *pnLength > 0;
+    // Reads on after the unfinished line at the reader's position: into the
+    // rest of the block, or, when the block is full, after the line carried
+    // before the next block. False at the end of the file or on a read error.
+    __attribute__((noinline)) bool ReadOnAfterLine() {
+        if (m_bFailed || m_bAtEnd)
+            return false;
+        return m_nEnd == m_nEndOfBlock ? CarryAndReadOn() : Refill();
     }
 
   public:
@@ -238,28 +252,27 @@ class LineReader {
 
     bool HaveBlock() { return m_nPos < m_nEnd || Refill(); }
 
-    // Moves the unfinished line that ends a full block into the carry room,
-    // just before the block, and reads the next block after it: the line can
-    // then pass with the lines that follow instead of being put together on
-    // its own. Text of the block that waits to be written goes out first
-    // (the hook). False when the line is too long to move, or nothing follows.
+    // Moves the unfinished line that ends a full block to the block's start
+    // and reads on after it: the line can then pass with the lines that
+    // follow instead of being put together on its own. Text of the block
+    // that waits to be written goes out first (the hook). False when the
+    // line is too long to move, or nothing follows.
     bool CarryAndReadOn() {
         const size_t nTail = m_nEnd - m_nPos;
-        if (m_nEnd != m_nEndOfBlock || nTail > kCarryRoom || m_bFailed || m_bAtEnd)
+        if (m_nEnd != m_nEndOfBlock || nTail > kMaxCarry || m_bFailed || m_bAtEnd)
             return false;
         if (m_pfnRefillHook != nullptr)
             m_pfnRefillHook(m_pRefillContext);
-        memmove(m_block + kCarryRoom - nTail, m_block + m_nPos, nTail);
-        StartBlock(kCarryRoom - nTail);
+        memmove(m_block, m_block + m_nPos, nTail);
+        StartBlock(nTail);
         return Refill();
     }
 
-    // Starts the block over, its text from nPos (the carry room's end, or a
-    // line carried into it) to the carry room's end.
-    void StartBlock(size_t nPos) {
-        m_nPos = nPos;
-        m_nEnd = kCarryRoom;
-        m_nNulSearched = nPos;
+    // Starts the block over, holding the nCarried bytes moved to its start.
+    void StartBlock(size_t nCarried) {
+        m_nPos = 0;
+        m_nEnd = nCarried;
+        m_nNulSearched = 0;
         m_bBlockHoldsNul = false;
     }
 
@@ -313,7 +326,7 @@ class LineReader {
         if (m_nEnd == m_nEndOfBlock) {
             if (m_pfnRefillHook != nullptr)
                 m_pfnRefillHook(m_pRefillContext);
-            StartBlock(kCarryRoom);
+            StartBlock(0);
         }
         // Read at an offset of its own: what cannot be read so is no file.
         char *pcRoom = m_block + m_nEnd;
@@ -352,20 +365,20 @@ class LineReader {
     // a device is still refused soon.
     static constexpr off64_t kReadBeforeTypeCheck = 65536;
     int m_fd;
-    char *m_block;             // the carry room, then the block
+    char *m_block;             // the block
     size_t m_nEndOfBlock;      // index just past the block
     off64_t m_nOffset = 0;     // of the next read in the file
     int m_nErrno = 0;          // of a failed read
     bool m_bShortRead = false; // the last read gave less than asked for
     bool m_bRegular = false;   // known to be a regular file
     off64_t m_nSize = 0;       // its size by fstat; 0 when unknown
-    size_t m_nPos = kCarryRoom;
-    size_t m_nEnd = kCarryRoom;
+    size_t m_nPos = 0;
+    size_t m_nEnd = 0;
     bool m_bFailed = false;
     bool m_bRefused = false;
     bool m_bAtEnd = false;
-    bool m_bAtLineStart = true;         // the last read ended with a line feed
-    size_t m_nNulSearched = kCarryRoom; // the block is searched for NUL up to here
+    bool m_bAtLineStart = true; // the last read ended with a line feed
+    size_t m_nNulSearched = 0;  // the block is searched for NUL up to here
     bool m_bBlockHoldsNul = false;
     bool m_bTerminated = false;
     char m_cTerminated = 0;

@@ -16,7 +16,6 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
     int iRetCode = -1;
     uint64_t nBufferOffset = 0; // bytes the matching names need, copied or not
     UINT nSectionsCopied = 0;
-    char szLineBuffer[kShortLineBufferSize];
 
     FileDescriptor file(OpenFile(szFileName));
     ReaderBuffer<kLookupBlockSize> buffer;
@@ -31,8 +30,8 @@ CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *sz
         char *szLine;
         for (;;) {
             if (bPassLines)
-                SkipLines(reader, SectionLines(), sizeof(szLineBuffer));
-            if (!reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength))
+                SkipLines(reader, SectionLines(), kShortLineBufferSize);
+            if (!reader.Next(kShortLineBufferSize, &szLine, &nLineLength))
                 break;
             if (nLineLength <= kShortLineLength || szLine[nLineLength - 1] != '\n' ||
                 reader.LastHoldsNul())

@@ -18,7 +18,6 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     int iRetCode = CFGFILE_FAILURE;
     BOOL bInSection = FALSE;
     int iLineCount = 0;
-    char szLineBuffer[kLongLineBufferSize];
     char szSectionBuffer[kNameBufferSize];
     char szKeyNameBuffer[kNameBufferSize];
 
@@ -27,8 +26,9 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     LineReader reader(file.Get(), buffer);
     if (!file.IsOpen() || !reader.Start()) {
         const int nErr = errno;
+        char szErrorText[64];
         CFG_TRACE(7, "Unable to open \"%s\", errno (%d): \"%s\".\n", szFileName, nErr,
-                  strerror_r(nErr, szLineBuffer, sizeof(szLineBuffer)));
+                  strerror_r(nErr, szErrorText, sizeof(szErrorText)));
         iRetCode = CFGFILE_FILE_ACCESS;
         CFG_TRACE(7, "Returning iRetCode=%d.\n", iRetCode);
         return iRetCode;
@@ -43,8 +43,8 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
     char *szLine;
     for (;;) {
         if (bPassLines && !bInSection)
-            SkipLines(reader, SectionLines(szSection), sizeof(szLineBuffer));
-        if (!reader.Next(szLineBuffer, sizeof(szLineBuffer), &szLine, &nLineLength))
+            SkipLines(reader, SectionLines(szSection), kLongLineBufferSize);
+        if (!reader.Next(kLongLineBufferSize, &szLine, &nLineLength))
             break;
         ++iLineCount;
         CFG_TRACE(8, "Processing line %d.\n", iLineCount);
@@ -54,7 +54,7 @@ int _ReadValue(const char *szFileName, const char *szSection, const char *szKeyN
             CFG_TRACE(8, "Line %d is too short to be processed.\n", iLineCount);
             continue;
         }
-        if (nLineLength > sizeof(szLineBuffer) - 2) // the buffer is full
+        if (nLineLength > kLongLineBufferSize - 2) // the line buffer is full
             CFG_TRACE(4,
                       "Line %d of file \"%s\" of %d chars might not have been read completely.\n",
                       iLineCount, szFileName, static_cast<int>(nLineLength));

@@ -3,66 +3,33 @@
 #ifndef CFGFILE_OUTPUT_FILE_H
 #define CFGFILE_OUTPUT_FILE_H
 
-#include <cstdio>
-
 #include <sys/uio.h>
 
 #include "frame.h"
 
 namespace cfglib {
 
-// Writes a new file. Text waits, in order, until it goes out in one writev:
-// runs of the reader's block, which stay where they are until the block is
-// read over, and small text copied into a staging buffer. The file is also
-// open as a stream, which the routines that carry over mode and owner take.
-// A failed write is remembered, so that Commit() - write, fsync, close, each
-// checked - can refuse a short file.
+// Writes a new file through the descriptor of its owner. Text waits, in
+// order, until it goes out in one writev: it is never copied, so it must
+// stay where it is until WritePending() - the reader's block is written out
+// before it is read over, and everything else written is the caller's text
+// or a literal. A failed write is remembered, so that Commit() - write and
+// fsync, each checked - can refuse a short file.
 class OutputFile {
   public:
-    OutputFile() = default;
+    explicit OutputFile(int fd) : m_fd(fd) {}
     OutputFile(const OutputFile &) = delete;
     OutputFile &operator=(const OutputFile &) = delete;
-    ~OutputFile() {
-        if (m_fp != nullptr)
-            fclose(m_fp);
+
+    int Descriptor() const { return m_fd; }
+
+    // Queues text that stays where it is until WritePending().
+    bool Write(const char *pcData, size_t nLength) {
+        AddPart(pcData, nLength);
+        return !m_bFailed;
     }
 
-    // Writes to the file open as fd, which stays the caller's: the stream
-    // works on a duplicate, so that closing it keeps the caller's lock.
-    bool Adopt(int fd) {
-        const int fdStream = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-        if (fdStream < 0)
-            return false;
-        m_fp = fdopen(fdStream, "w");
-        if (m_fp == nullptr) {
-            close(fdStream);
-            return false;
-        }
-        return true;
-    }
-
-    FILE *Stream() const { return m_fp; }
-
-    // Writes text that may change after the call: staged, or written at once
-    // after what waits when the staging buffer has no room for it.
-    __attribute__((noinline)) bool Write(const char *pcData, size_t nLength) {
-        if (m_bFailed)
-            return false;
-        if (nLength > sizeof(m_szStaged) - m_nStaged) {
-            AddPart(pcData, nLength);
-            return WritePending();
-        }
-        // A free part first: adding the staged text must not write it out
-        // and empty the staging buffer under it.
-        if (m_nParts == kMaxParts && !WritePending())
-            return false;
-        memcpy(m_szStaged + m_nStaged, pcData, nLength);
-        AddPart(m_szStaged + m_nStaged, nLength);
-        m_nStaged += nLength;
-        return true;
-    }
-
-    // Writes text that stays where it is until WritePending().
+    // Queues a run of the reader's block; a failure shows in Failed().
     void CopyPending(const char *pcData, size_t nLength) { AddPart(pcData, nLength); }
 
     // Writes out everything that waits; false when this or an earlier write failed.
@@ -70,7 +37,6 @@ class OutputFile {
         if (!m_bFailed && m_nParts > 0 && !WriteParts())
             m_bFailed = true;
         m_nParts = 0;
-        m_nStaged = 0;
         return !m_bFailed;
     }
 
@@ -79,8 +45,6 @@ class OutputFile {
     // Hands everything written so far to the file, so that the descriptor
     // can be written to directly.
     bool Flush() { return WritePending(); }
-
-    int Descriptor() const { return fileno(m_fp); }
 
     bool Write(std::string_view text) { return Write(text.data(), text.size()); }
 
@@ -91,15 +55,11 @@ class OutputFile {
 
     bool AtLineStart() const { return m_bAtLineStart; }
 
-    // Writes, syncs (when bSync) and closes the file; false when any of it,
-    // or any earlier write, failed.
+    // Writes and syncs (when bSync) the file; false when either, or any
+    // earlier write, failed.
     bool Commit(bool bSync) {
-        bool bOk = Flush();
-        if (bSync)
-            bOk = Sys([&] { return fsync(fileno(m_fp)); }, -1) == 0 && bOk;
-        bOk = Sys([&] { return fclose(m_fp); }, EOF) == 0 && bOk;
-        m_fp = nullptr;
-        return bOk;
+        const bool bOk = Flush();
+        return (!bSync || Sys([&] { return fsync(m_fd); }, -1) == 0) && bOk;
     }
 
   private:
@@ -127,8 +87,7 @@ class OutputFile {
         iovec *pPart = m_parts;
         int nParts = m_nParts;
         while (nParts > 0) {
-            const ssize_t nWritten =
-                Sys([&] { return writev(fileno(m_fp), pPart, nParts); }, ssize_t(-1));
+            const ssize_t nWritten = Sys([&] { return writev(m_fd, pPart, nParts); }, ssize_t(-1));
             if (nWritten < 0 && errno == EINTR)
                 continue;
             if (nWritten <= 0)
@@ -147,15 +106,13 @@ class OutputFile {
         return true;
     }
 
-    static constexpr int kMaxParts = 16;
+    static constexpr int kMaxParts = 8;
 
-    FILE *m_fp = nullptr; // the stream the mode and owner routines take
+    int m_fd;
     bool m_bFailed = false;
     bool m_bAtLineStart = true;
     iovec m_parts[kMaxParts];
     int m_nParts = 0;
-    char m_szStaged[1024];
-    size_t m_nStaged = 0;
 };
 
 // Makes the renames in the directory of szPath durable.

@@ -5,31 +5,10 @@
 namespace cfglib {
 namespace {
 
-// Follows the chain of symbolic links at szPath to its end, into szTarget:
-// true when nothing stands there (the file is missing).
+// Whether nothing stands at the end of the symbolic links at szPath; the
+// path of that end in szTarget.
 bool FindMissingTarget(const char *szPath, char (&szTarget)[kPathBufferSize]) {
-    constexpr int kMaxLinkHops = 40; // as the kernel's limit
-    CopyString(szTarget, szPath, sizeof(szTarget));
-    for (int iHop = 0; iHop < kMaxLinkHops; ++iHop) {
-        struct stat st;
-        if (lstat(szTarget, &st) != 0)
-            return errno == ENOENT;
-        if (!S_ISLNK(st.st_mode))
-            return false;
-        char szLink[kPathBufferSize];
-        const ssize_t nLength = readlink(szTarget, szLink, sizeof(szLink) - 1);
-        if (nLength <= 0 || static_cast<size_t>(nLength) >= sizeof(szLink) - 1)
-            return false;
-        szLink[nLength] = '\0';
-        // A relative link is read from the directory of the link.
-        char *pcSlash = strrchr(szTarget, '/');
-        const size_t nDirectory =
-            szLink[0] == '/' || pcSlash == nullptr ? 0 : pcSlash + 1 - szTarget;
-        if (nDirectory + static_cast<size_t>(nLength) >= sizeof(szTarget))
-            return false;
-        memcpy(szTarget + nDirectory, szLink, static_cast<size_t>(nLength) + 1);
-    }
-    return false;
+    return FollowLinks(szPath, szTarget) == LinkEnd::Missing;
 }
 
 // Whether a regular file stands at szPath.
@@ -43,6 +22,8 @@ constexpr char kRecoverFile[] = "CfgFile_RecoverFile";
 // Moves the backup back to the missing file's name, under the exclusion of
 // changes, so that a change in the middle of its swap is never undone.
 int RestoreBackup(RewriteNames &names) {
+    char szBackupFileName[kPathBufferSize];
+    BackupName(names, szBackupFileName);
     LockedTemp temp;
     temp.Acquire(names.szTmpFileName, Deadline());
     if (temp.Errno() == EWOULDBLOCK) {
@@ -51,19 +32,19 @@ int RestoreBackup(RewriteNames &names) {
         return CFGFILE_FAILURE;
     }
     char szMissing[kPathBufferSize];
-    if (!FindMissingTarget(names.szTarget, szMissing) || !IsRegularFileAt(names.szBackupFileName)) {
+    if (!FindMissingTarget(names.szTarget, szMissing) || !IsRegularFileAt(szBackupFileName)) {
         CFG_TRACE_AS(kRecoverFile, 7, "Nothing to recover for \"%s\".\n", names.szTarget);
         return CFGFILE_SUCCESS;
     }
-    if (Sys([&] { return rename(names.szBackupFileName, names.szTarget); }, -1) != 0 ||
+    if (Sys([&] { return rename(szBackupFileName, names.szTarget); }, -1) != 0 ||
         !SyncDirectoryOf(names.szTarget)) {
         const int nErr = errno;
         CFG_TRACE_AS(kRecoverFile, 7, "Failed to restore \"%s\" from backup \"%s\", errno=%d.\n",
-                     names.szTarget, names.szBackupFileName, nErr);
+                     names.szTarget, szBackupFileName, nErr);
         return CFGFILE_FAILURE;
     }
     CFG_TRACE_AS(kRecoverFile, 7, "Restored \"%s\" from backup \"%s\".\n", names.szTarget,
-                 names.szBackupFileName);
+                 szBackupFileName);
     return CFGFILE_SUCCESS;
 }
 

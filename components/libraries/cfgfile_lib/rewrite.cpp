@@ -3,16 +3,20 @@
 // commit that, and swap it in through the backup name.
 #include "rewrite.h"
 
-#include <climits>
-
 namespace cfglib {
 
-// Names the file szPath and its temporary and backup files.
+bool BackupName(const RewriteNames &names, char (&szBackupFileName)[kPathBufferSize]) {
+    CopyString(szBackupFileName, names.szTarget, sizeof(szBackupFileName));
+    return StringReplaceAddSuffix(szBackupFileName, sizeof(szBackupFileName), '.', "bak") != 0;
+}
+
+// Names the file szPath and its temporary file; the backup's name is built
+// where it is needed, and checked here.
 void NameRewrite(const char *szFunction, const char *szPath, RewriteNames &names) {
     CopyString(names.szTarget, szPath, sizeof(names.szTarget));
-    CopyString(names.szBackupFileName, szPath, sizeof(names.szBackupFileName));
     CopyString(names.szTmpFileName, szPath, sizeof(names.szTmpFileName));
-    if (!StringReplaceAddSuffix(names.szBackupFileName, sizeof(names.szBackupFileName), '.', "bak"))
+    char szBackupFileName[kPathBufferSize];
+    if (!BackupName(names, szBackupFileName))
         _DoAssert(
             "StringReplaceAddSuffix(szBackupFileName, sizeof(szBackupFileName), '.', \"bak\")",
             szFunction, __FILE_NAME__, __LINE__);
@@ -31,25 +35,54 @@ int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames 
     return CFGFILE_SUCCESS;
 }
 
+LinkEnd FollowLinks(const char *szPath, char (&szTarget)[kPathBufferSize]) {
+    constexpr int kMaxLinkHops = 40; // as the kernel's limit
+    if (CopyString(szTarget, szPath, sizeof(szTarget)) == 0)
+        return LinkEnd::TooLong;
+    for (int iHop = 0; iHop < kMaxLinkHops; ++iHop) {
+        struct stat st;
+        if (lstat(szTarget, &st) != 0)
+            return errno == ENOENT ? LinkEnd::Missing : LinkEnd::Unknown;
+        if (!S_ISLNK(st.st_mode))
+            return strlen(szTarget) > kMaxFileNameLength ? LinkEnd::TooLong : LinkEnd::File;
+        char szLink[kPathBufferSize];
+        const ssize_t nLength = readlink(szTarget, szLink, sizeof(szLink));
+        if (nLength <= 0)
+            return LinkEnd::Unknown;
+        if (static_cast<size_t>(nLength) >= sizeof(szLink))
+            return LinkEnd::TooLong;
+        // A relative link is read from the directory of the link.
+        const char *pcSlash = strrchr(szTarget, '/');
+        const size_t nDirectory =
+            szLink[0] == '/' || pcSlash == nullptr ? 0 : pcSlash + 1 - szTarget;
+        if (nDirectory + static_cast<size_t>(nLength) >= sizeof(szTarget))
+            return LinkEnd::TooLong;
+        memcpy(szTarget + nDirectory, szLink, static_cast<size_t>(nLength));
+        szTarget[nDirectory + static_cast<size_t>(nLength)] = '\0';
+    }
+    return LinkEnd::Unknown;
+}
+
 // Returned by OpenRewriteTarget for a link whose target's path is too long.
 static constexpr int kTargetTooLong = -2;
 
-// Opens the file a rewrite works on: the name itself, or the target of a
-// symbolic link there, which then names the companion files too, so that
-// the link stays a link and they lie on the target's file system. The link
-// is told by the open itself (O_NOFOLLOW fails on it with ELOOP). -1 with
-// errno when the file cannot be opened for reading.
+// Opens the file a rewrite works on: the name itself, or the file at the end
+// of the symbolic links there, which then names the companion files too, so
+// that the link stays a link and they lie on the target's file system. The
+// link is told by the open itself (O_NOFOLLOW fails on it with ELOOP); one
+// that leads nowhere is left as it is. -1 with errno when the file cannot be
+// opened for reading.
 __attribute__((noinline)) static int OpenRewriteTarget(const char *szFunction,
                                                        RewriteNames &names) {
     const int fd = OpenFile(names.szTarget, O_NOFOLLOW);
     if (fd >= 0 || errno != ELOOP)
         return fd;
-    char szResolved[PATH_MAX];
-    if (realpath(names.szTarget, szResolved) != nullptr) { // else dangling: the name itself
-        if (strlen(szResolved) > kMaxFileNameLength)
-            return kTargetTooLong;
-        NameRewrite(szFunction, szResolved, names);
-    }
+    char szTarget[kPathBufferSize];
+    const LinkEnd end = FollowLinks(names.szTarget, szTarget);
+    if (end == LinkEnd::TooLong)
+        return kTargetTooLong;
+    if (end == LinkEnd::File)
+        NameRewrite(szFunction, szTarget, names);
     return OpenFile(names.szTarget);
 }
 
@@ -82,14 +115,14 @@ namespace {
 // holds a whole file; where the file system gives no second names (vfat),
 // the old file is moved to the backup name instead. Once the directory is
 // on disk, the backup is deleted.
-int SwapIn(const char *szFunction, const RewriteNames &names) {
+int SwapIn(const char *szFunction, const RewriteNames &names, const char *szBackupFileName) {
     const char *szFileName = names.szTarget;
-    const bool bLinked = Sys([&] { return LinkFile(szFileName, names.szBackupFileName); }, -1) == 0;
-    if (!bLinked && Sys([&] { return rename(szFileName, names.szBackupFileName); }, -1) != 0) {
+    const bool bLinked = Sys([&] { return LinkFile(szFileName, szBackupFileName); }, -1) == 0;
+    if (!bLinked && Sys([&] { return rename(szFileName, szBackupFileName); }, -1) != 0) {
         const int nErr = errno;
         CFG_TRACE_AS(szFunction, 7,
                      "Failed to rename config file \"%s\" to backup \"%s\", errno=%d, \"%s\".\n",
-                     szFileName, names.szBackupFileName, nErr, strerror(nErr));
+                     szFileName, szBackupFileName, nErr, strerror(nErr));
         return CFGFILE_FAILURE;
     }
     if (Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) != 0) {
@@ -98,26 +131,27 @@ int SwapIn(const char *szFunction, const RewriteNames &names) {
                      "Failed to move tmp file to new config file, errno=%d, \"%s\".\n", nErr,
                      strerror(nErr));
         if (bLinked)
-            Sys([&] { return unlink(names.szBackupFileName); }, -1);
+            Sys([&] { return unlink(szBackupFileName); }, -1);
         else
-            Sys([&] { return rename(names.szBackupFileName, szFileName); }, -1);
+            Sys([&] { return rename(szBackupFileName, szFileName); }, -1);
         return CFGFILE_FAILURE;
     }
     // The new file is in place. Until the directory is on disk, the backup
     // is the only copy sure to survive a power cut: keep it then.
     if (!SyncDirectoryOf(szFileName))
         return CFGFILE_SUCCESS;
-    if (Sys([&] { return unlink(names.szBackupFileName); }, -1) != 0)
-        CFG_TRACE_AS(szFunction, 7, "Failed to delete backup file \"%s\".\n",
-                     names.szBackupFileName);
+    if (Sys([&] { return unlink(szBackupFileName); }, -1) != 0)
+        CFG_TRACE_AS(szFunction, 7, "Failed to delete backup file \"%s\".\n", szBackupFileName);
     return CFGFILE_SUCCESS;
 }
 
-// Rewrites names.szTarget, open for reading as fd, through the temporary
-// and backup files.
-__attribute__((noinline)) RewriteResult CopyAndSwap(const RewriteRules &rules,
-                                                    const RewriteNames &names, int fd,
-                                                    LockedTemp &temp, RewriteSteps &op) {
+// Writes the new content of names.szTarget, open for reading as fd, to the
+// temporary file, through the operation's steps; *pbSwap tells whether it
+// is to be swapped in. The reader's block lives here only, not during the swap.
+__attribute__((noinline)) RewriteResult CopyToTemporary(const RewriteRules &rules,
+                                                        const RewriteNames &names, int fd,
+                                                        LockedTemp &temp, RewriteSteps &op,
+                                                        bool *pbSwap) {
     const char *szFunction = rules.szFunction;
     const char *szFileName = names.szTarget;
     FileDescriptor readFile(fd);
@@ -135,10 +169,8 @@ __attribute__((noinline)) RewriteResult CopyAndSwap(const RewriteRules &rules,
 
     // Private (0600) until it has the file's mode and owner; a leftover of
     // an earlier change is emptied.
-    OutputFile tmp;
     if (!temp.Held() ||
-        (!temp.Created() && Sys([&] { return ftruncate(temp.Fd(), 0); }, -1) != 0) ||
-        !tmp.Adopt(temp.Fd())) {
+        (!temp.Created() && Sys([&] { return ftruncate(temp.Fd(), 0); }, -1) != 0)) {
         CFG_TRACE_AS(szFunction, 7, "Unable to open tmp file \"%s\".\n", names.szTmpFileName);
         readFile.Close();
         CFG_TRACE_AS(szFunction, 7, "closed \"%s\".\n", szFileName);
@@ -146,8 +178,9 @@ __attribute__((noinline)) RewriteResult CopyAndSwap(const RewriteRules &rules,
     }
     temp.MarkUsed();
     CFG_TRACE_AS(szFunction, 7, "OPENED \"%s\".\n", names.szTmpFileName);
-    CopyFilePermissions(szFileName, tmp.Stream());
-    CopyFileOwnership(szFileName, tmp.Stream());
+    OutputFile tmp(temp.Fd());
+    CopyFilePermissionsToFd(szFileName, tmp.Descriptor());
+    CopyFileOwnershipToFd(szFileName, tmp.Descriptor());
 
     reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
     int iRetCode = op.Copy(rules, names, reader, tmp);
@@ -172,15 +205,21 @@ __attribute__((noinline)) RewriteResult CopyAndSwap(const RewriteRules &rules,
     }
     if (bSwap && !bComplete)
         iRetCode = CFGFILE_FAILURE;
-    if (iRetCode != CFGFILE_SUCCESS)
-        return {true, true, 0, iRetCode};
+    *pbSwap = bSwap;
+    return {true, true, 0, iRetCode};
+}
 
-    Sys([&] { return unlink(names.szBackupFileName); }, -1);
-    if (!bSwap) {
-        Sys([&] { return unlink(names.szTmpFileName); }, -1);
-        return {true, true, 0, iRetCode};
-    }
-    return {true, true, 0, SwapIn(szFunction, names)};
+// Removes a leftover backup, then swaps the new file in, or, when it is not
+// to be swapped in, removes it.
+__attribute__((noinline)) int SwapOrDiscard(const char *szFunction, const RewriteNames &names,
+                                            bool bSwap) {
+    char szBackupFileName[kPathBufferSize];
+    BackupName(names, szBackupFileName);
+    Sys([&] { return unlink(szBackupFileName); }, -1);
+    if (bSwap)
+        return SwapIn(szFunction, names, szBackupFileName);
+    Sys([&] { return unlink(names.szTmpFileName); }, -1);
+    return CFGFILE_SUCCESS;
 }
 
 // Whether fd (of status *pst) is a regular file, or no file at all (*pbMissing).
@@ -256,7 +295,11 @@ RewriteResult RunRewrite(const RewriteRules &rules, RewriteNames &names, LockedT
     }
     if (fd < 0)
         return {false, false, errno, CFGFILE_FAILURE};
-    return CopyAndSwap(rules, names, fd, temp, op);
+    bool bSwap = false;
+    RewriteResult result = CopyToTemporary(rules, names, fd, temp, op, &bSwap);
+    if (result.bCopying && result.iRetCode == CFGFILE_SUCCESS)
+        result.iRetCode = SwapOrDiscard(rules.szFunction, names, bSwap);
+    return result;
 }
 
 } // namespace cfglib

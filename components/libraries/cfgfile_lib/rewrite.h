@@ -42,7 +42,6 @@ struct RewriteRules {
 struct RewriteNames {
     char szTarget[kPathBufferSize]; // the file rewritten: the name, or a link's target
     char szTmpFileName[kPathBufferSize];
-    char szBackupFileName[kPathBufferSize];
 };
 
 struct RewriteResult {
@@ -52,11 +51,27 @@ struct RewriteResult {
     int iRetCode; // the result, when the file was opened
 };
 
-// Names the file szPath and its temporary and backup files.
+// Builds the name of the backup file of names.szTarget; false when it cannot.
+bool BackupName(const RewriteNames &names, char (&szBackupFileName)[kPathBufferSize]);
+
+// Names the file szPath and its temporary file.
 void NameRewrite(const char *szFunction, const char *szPath, RewriteNames &names);
 
 // Checks the name and builds the names of the temporary and backup files.
 int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames &names);
+
+// Where a chain of symbolic links ends.
+enum class LinkEnd {
+    File,    // at something that is no link
+    Missing, // at a name where nothing stands
+    TooLong, // its path would be longer than a file name may be
+    Unknown, // a loop, or a link that cannot be read
+};
+
+// Follows the chain of symbolic links at szPath into szTarget, the
+// directories above it as they are: the companion files lie beside the
+// file the chain ends at.
+LinkEnd FollowLinks(const char *szPath, char (&szTarget)[kPathBufferSize]);
 
 // Copies the rest of the file unchanged: the rest of the block, then the
 // rest of the file, by the kernel where it can. False when a write failed.
@@ -102,7 +117,6 @@ template <size_t N, class Operation>
 int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
               OutputFile &tmp, Operation &op) {
     const char *szFunction = rules.szFunction;
-    char szLineBuffer[N];
     int iLineCount = 0;
     bool bInsideLine = false; // the previous read ended inside a line
     // Lines pass unread only while no trace counts them.
@@ -112,7 +126,7 @@ int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &
     for (;;) {
         if (bPassLines && !PassLines<N>(reader, tmp, op))
             return CFGFILE_FAILURE;
-        if (!reader.Next(szLineBuffer, N, &szLine, &nLength))
+        if (!reader.Next(N, &szLine, &nLength))
             break;
         ++iLineCount;
         CFG_TRACE_AS(szFunction, rules.nProcessingLevel, "Processing line %d.\n", iLineCount);

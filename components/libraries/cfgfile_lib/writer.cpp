@@ -124,18 +124,19 @@ class ValueWriter {
 // the temporary name first, so that no reader ever finds it half written.
 // Only a missing file is created; an existing file that merely cannot be
 // read is left alone.
-int CreateNewFile(const RewriteNames &names, LockedTemp &temp, int nOpenErrno,
-                  const char *szSection, const char *szKeyName, const char *szValue) {
+__attribute__((noinline)) int CreateNewFile(const RewriteNames &names, LockedTemp &temp,
+                                            int nOpenErrno, const char *szSection,
+                                            const char *szKeyName, const char *szValue) {
     const char *szFileName = names.szTarget;
-    OutputFile file;
-    if (nOpenErrno != ENOENT || !temp.Held() || !file.Adopt(temp.Fd())) {
-        const int nErr = nOpenErrno != ENOENT ? nOpenErrno : temp.Held() ? errno : temp.Errno();
+    if (nOpenErrno != ENOENT || !temp.Held()) {
+        const int nErr = nOpenErrno != ENOENT ? nOpenErrno : temp.Errno();
         CFG_TRACE_AS(kWriteValue, 7, "Failed to create new file, errno=%d.\n", nErr);
         return nErr == EACCES ? CFGFILE_FILE_ACCESS : CFGFILE_FAILURE;
     }
     temp.MarkUsed();
     CFG_TRACE_AS(kWriteValue, 7, "OPENED \"%s\".\n", szFileName);
-    SetDefaultFilePermissions(file.Stream());
+    OutputFile file(temp.Fd());
+    SetDefaultFilePermissionsOnFd(file.Descriptor());
     file.Write("[") && file.Write(szSection) && file.Write("]\n") &&
         file.WriteKeyLine(szKeyName, szValue, "\n");
     const bool bWritten =

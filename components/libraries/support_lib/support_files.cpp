@@ -51,7 +51,10 @@ int StringReplaceAddSuffix(char *szName, size_t nSize, char cSeparator, const ch
 }
 
 int CopyFilePermissions(const char *szPath, FILE *pStream) {
-    int nFd = DescriptorOf(pStream);
+    return CopyFilePermissionsToFd(szPath, DescriptorOf(pStream));
+}
+
+int CopyFilePermissionsToFd(const char *szPath, int nFd) {
     struct stat fileStat;
     if (szPath == NULL || nFd < 0 || stat(szPath, &fileStat) != 0)
         return 0;
@@ -59,7 +62,10 @@ int CopyFilePermissions(const char *szPath, FILE *pStream) {
 }
 
 int CopyFileOwnership(const char *szPath, FILE *pStream) {
-    int nFd = DescriptorOf(pStream);
+    return CopyFileOwnershipToFd(szPath, DescriptorOf(pStream));
+}
+
+int CopyFileOwnershipToFd(const char *szPath, int nFd) {
     struct stat fileStat;
     if (szPath == NULL || nFd < 0 || stat(szPath, &fileStat) != 0)
         return 0;
@@ -72,7 +78,10 @@ int CopyFileOwnership(const char *szPath, FILE *pStream) {
 }
 
 int SetDefaultFilePermissions(FILE *pStream) {
-    int nFd = DescriptorOf(pStream);
+    return SetDefaultFilePermissionsOnFd(DescriptorOf(pStream));
+}
+
+int SetDefaultFilePermissionsOnFd(int nFd) {
     if (nFd < 0)
         return 0;
     return fchmod(nFd, kDefaultFileMode) == 0 ? 1 : 0;
