@@ -56,52 +56,14 @@ class Deadline {
 
 enum class LockResult { Held, Busy, Unsupported };
 
-// Waits between two tries for a lock: from 0.25 ms, doubling up to 8 ms.
-constexpr long kFirstPauseNs = 250000;
-inline void Pause(long &nPauseNs) {
-    const timespec pause = {0, nPauseNs};
-    nanosleep(&pause, nullptr);
-    nPauseNs = nPauseNs < 8000000 ? nPauseNs * 2 : nPauseNs;
-}
-
 // Takes a lock of nType (F_RDLCK, F_WRLCK) on fd, polling until the
 // deadline: Busy when another holds it still. A file system without such
 // locks (Unsupported) leaves changes as unexcluded as they always were.
-inline LockResult LockUntil(int fd, short nType, const Deadline &deadline) {
-    struct flock lock = {};
-    lock.l_type = nType;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = kLockByte;
-    lock.l_len = 1;
-    for (long nPauseNs = kFirstPauseNs;; Pause(nPauseNs)) {
-        if (Sys([&] { return fcntl(fd, F_OFD_SETLK, &lock); }, -1) == 0)
-            return LockResult::Held;
-        if (errno != EAGAIN && errno != EACCES && errno != EINTR)
-            return LockResult::Unsupported;
-        if (deadline.Passed())
-            return LockResult::Busy;
-    }
-}
-
-// Whether a change holds the temporary file at szPath that this caller may
-// not open for writing (another user's).
-inline bool IsHeldByOther(const char *szPath) {
-    FileDescriptor file(open(szPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = kLockByte;
-    lock.l_len = 1;
-    return file.IsOpen() && fcntl(file.Get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-}
+LockResult LockUntil(int fd, short nType, const Deadline &deadline);
 
 // Whether the open file of status stOpen is the one szPath names now
 // (links not followed).
-inline bool IsFileAt(const struct stat &stOpen, const char *szPath) {
-    struct stat stNamed;
-    return lstat(szPath, &stNamed) == 0 && stOpen.st_dev == stNamed.st_dev &&
-           stOpen.st_ino == stNamed.st_ino;
-}
+bool IsFileAt(const struct stat &stOpen, const char *szPath);
 
 // The temporary file of a change, open and locked for the whole change.
 // One that the change created and never wrote is removed again, so that a
@@ -117,36 +79,7 @@ class LockedTemp {
     // of a change that died is unlocked and taken over; one that a live
     // change holds is waited for. What is no regular file there (a planted
     // link or FIFO) is removed. False, with Errno(), when it cannot be had.
-    bool Acquire(const char *szPath, const Deadline &deadline) {
-        m_szPath = szPath;
-        for (long nPauseNs = kFirstPauseNs; m_fd < 0;) {
-            if (deadline.Passed())
-                return Fail(EWOULDBLOCK);
-            bool bCreated = true;
-            int fd = Sys([&] { return open(szPath, kCreateFlags, S_IRUSR | S_IWUSR); }, -1);
-            if (fd < 0 && errno == EEXIST) {
-                bCreated = false;
-                fd = Sys([&] { return open(szPath, kOpenFlags); }, -1);
-                if (fd < 0 && errno == ENOENT)
-                    continue; // the holder swapped it in meanwhile
-                if (fd < 0 && errno == EACCES && IsHeldByOther(szPath)) {
-                    Pause(nPauseNs);
-                    continue;
-                }
-                if (fd < 0 && errno != ELOOP && errno != ENXIO && errno != EACCES)
-                    return Fail(errno);
-                if (fd < 0 && !RemoveStranger())
-                    return Fail(errno);
-                if (fd < 0)
-                    continue;
-            }
-            if (fd < 0)
-                return Fail(errno);
-            if (!Take(fd, bCreated, deadline))
-                return false;
-        }
-        return true;
-    }
+    bool Acquire(const char *szPath, const Deadline &deadline);
 
     bool Held() const { return m_fd >= 0; }
     // Created by this change: empty, and no leftover to clear.
@@ -156,14 +89,7 @@ class LockedTemp {
     // The change has written to it: it stays, whatever follows.
     void MarkUsed() { m_bUsed = true; }
 
-    void Release() {
-        if (m_fd < 0)
-            return;
-        if (m_bCreated && !m_bUsed)
-            Sys([&] { return unlink(m_szPath); }, -1);
-        close(m_fd);
-        m_fd = -1;
-    }
+    void Release();
 
   private:
     static constexpr int kCreateFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
@@ -176,27 +102,10 @@ class LockedTemp {
     }
 
     // Removes what stands at the name and cannot be a temporary file.
-    bool RemoveStranger() {
-        return Sys([&] { return unlink(m_szPath); }, -1) == 0 || errno == ENOENT;
-    }
-
+    bool RemoveStranger();
     // Locks fd and keeps it when it is still the regular file at the name.
     // True also when it was not kept and the caller should try again.
-    bool Take(int fd, bool bCreated, const Deadline &deadline) {
-        if (LockUntil(fd, F_WRLCK, deadline) == LockResult::Busy) {
-            close(fd);
-            return Fail(EWOULDBLOCK);
-        }
-        struct stat st;
-        const bool bAtName = fstat(fd, &st) == 0 && IsFileAt(st, m_szPath);
-        if (bAtName && S_ISREG(st.st_mode)) {
-            m_fd = fd;
-            m_bCreated = bCreated;
-            return true;
-        }
-        close(fd);
-        return !bAtName || RemoveStranger() || Fail(errno);
-    }
+    bool Take(int fd, bool bCreated, const Deadline &deadline);
 
     const char *m_szPath = nullptr;
     int m_fd = -1;

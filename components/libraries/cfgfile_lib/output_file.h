@@ -24,13 +24,15 @@ class OutputFile {
     int Descriptor() const { return m_fd; }
 
     // Queues text that stays where it is until WritePending().
-    bool Write(const char *pcData, size_t nLength) {
+    __attribute__((noinline)) bool Write(const char *pcData, size_t nLength) {
         AddPart(pcData, nLength);
         return !m_bFailed;
     }
 
     // Queues a run of the reader's block; a failure shows in Failed().
-    void CopyPending(const char *pcData, size_t nLength) { AddPart(pcData, nLength); }
+    __attribute__((noinline)) void CopyPending(const char *pcData, size_t nLength) {
+        AddPart(pcData, nLength);
+    }
 
     // Writes out everything that waits; false when this or an earlier write failed.
     __attribute__((noinline)) bool WritePending() {
@@ -49,7 +51,8 @@ class OutputFile {
     bool Write(std::string_view text) { return Write(text.data(), text.size()); }
 
     // Writes "<szKey>=<szValue>" and the line feeds given.
-    bool WriteKeyLine(const char *szKey, const char *szValue, std::string_view lineEnd) {
+    __attribute__((noinline)) bool WriteKeyLine(const char *szKey, const char *szValue,
+                                                std::string_view lineEnd) {
         return Write(szKey) && Write("=") && Write(szValue) && Write(lineEnd);
     }
 

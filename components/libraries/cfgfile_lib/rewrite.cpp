@@ -110,6 +110,81 @@ bool CopyTail(LineReader &reader, OutputFile &tmp) {
 
 namespace {
 
+// Passes the lines that the operation need not look at straight on, in runs
+// of the reader's block: copied, or left out. After the change, the tail
+// passes whole. False when a write failed.
+bool PassLines(LineReader &reader, OutputFile &tmp, const RewriteSteps &op) {
+    for (;;) {
+        if (op.InTail())
+            return CopyTail(reader, tmp);
+        const LineFilter lineFilter = op.Passable();
+        if (!lineFilter.bPass)
+            return true;
+        const std::string_view run = reader.PassLines(lineFilter, op.LineCapacity());
+        if (run.empty())
+            return true;
+        if (!lineFilter.bLeaveOut) {
+            tmp.CopyPending(run.data(), run.size());
+            if (tmp.Failed())
+                return false;
+        }
+    }
+}
+
+// Copies the file into the temporary file, line by line, as the operation
+// decides. The end of an over-long line and a read holding NUL bytes pass
+// through unchanged: a line is copied or left out whole, never split or cut.
+int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
+              OutputFile &tmp, RewriteSteps &op) {
+    const size_t N = op.LineCapacity();
+    const char *szFunction = rules.szFunction;
+    int iLineCount = 0;
+    bool bInsideLine = false; // the previous read ended inside a line
+    // Lines pass unread only while no trace counts them.
+    const bool bPassLines = !TraceOn(kLineTraceLevel);
+    char *szLine;
+    size_t nLength;
+    for (;;) {
+        if (bPassLines && !PassLines(reader, tmp, op))
+            return CFGFILE_FAILURE;
+        if (!reader.Next(N, &szLine, &nLength))
+            break;
+        ++iLineCount;
+        CFG_TRACE_AS(szFunction, rules.nProcessingLevel, "Processing line %d.\n", iLineCount);
+        const bool bHasNewline = szLine[nLength - 1] == '\n';
+        const bool bFullPiece = !bHasNewline && nLength == N - 1;
+        const bool bLastPiece = bInsideLine && !bFullPiece;
+        const RewriteLine line{szLine, nLength, iLineCount, bHasNewline, bInsideLine || bFullPiece};
+        bInsideLine = !bHasNewline;
+
+        if (op.InTail()) {
+            if (!CopyRead(reader, tmp, szLine, nLength)) {
+                CFG_TRACE_AS(szFunction, 7, "Unable to write \"%s\" to tmp file \"%s\".\n", szLine,
+                             names.szTmpFileName);
+                return CFGFILE_FAILURE;
+            }
+            continue;
+        }
+        const Verdict verdict =
+            bLastPiece || reader.LastHoldsNul() ? Verdict::Copy : op.Classify(line, tmp);
+        switch (verdict) {
+        case Verdict::Copy:
+            if (!CopyRead(reader, tmp, szLine, nLength))
+                return CFGFILE_FAILURE;
+            break;
+        case Verdict::LeaveOut:
+        case Verdict::Written:
+            break;
+        case Verdict::WriteFailed:
+            return CFGFILE_FAILURE;
+        case Verdict::Stop:
+            return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
+        }
+    }
+    // A read error must not pass for the end of the file.
+    return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
+}
+
 // Swaps the new file in. The old file gets the backup name as a second name
 // and the new one is renamed over the file's name, so that the name always
 // holds a whole file; where the file system gives no second names (vfat),
@@ -183,7 +258,7 @@ __attribute__((noinline)) RewriteResult CopyToTemporary(const RewriteRules &rule
     CopyFileOwnershipToFd(szFileName, tmp.Descriptor());
 
     reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
-    int iRetCode = op.Copy(rules, names, reader, tmp);
+    int iRetCode = CopyLines(rules, names, reader, tmp, op);
     if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
         iRetCode = CFGFILE_FAILURE;
     const bool bSwap =

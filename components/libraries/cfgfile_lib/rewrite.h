@@ -88,88 +88,17 @@ inline bool CopyRead(const LineReader &reader, OutputFile &tmp, const char *szLi
     return !tmp.Failed();
 }
 
-// Passes the lines that the operation need not look at straight on, in runs
-// of the reader's block: copied, or left out. After the change, the tail
-// passes whole. False when a write failed.
-template <size_t N, class Operation>
-bool PassLines(LineReader &reader, OutputFile &tmp, const Operation &op) {
-    for (;;) {
-        if (op.InTail())
-            return CopyTail(reader, tmp);
-        const LineFilter lineFilter = op.Passable();
-        if (!lineFilter.bPass)
-            return true;
-        const std::string_view run = reader.PassLines(lineFilter, N);
-        if (run.empty())
-            return true;
-        if (!lineFilter.bLeaveOut) {
-            tmp.CopyPending(run.data(), run.size());
-            if (tmp.Failed())
-                return false;
-        }
-    }
-}
-
-// Copies the file into the temporary file, line by line, as the operation
-// decides. The end of an over-long line and a read holding NUL bytes pass
-// through unchanged: a line is copied or left out whole, never split or cut.
-template <size_t N, class Operation>
-int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
-              OutputFile &tmp, Operation &op) {
-    const char *szFunction = rules.szFunction;
-    int iLineCount = 0;
-    bool bInsideLine = false; // the previous read ended inside a line
-    // Lines pass unread only while no trace counts them.
-    const bool bPassLines = !TraceOn(kLineTraceLevel);
-    char *szLine;
-    size_t nLength;
-    for (;;) {
-        if (bPassLines && !PassLines<N>(reader, tmp, op))
-            return CFGFILE_FAILURE;
-        if (!reader.Next(N, &szLine, &nLength))
-            break;
-        ++iLineCount;
-        CFG_TRACE_AS(szFunction, rules.nProcessingLevel, "Processing line %d.\n", iLineCount);
-        const bool bHasNewline = szLine[nLength - 1] == '\n';
-        const bool bFullPiece = !bHasNewline && nLength == N - 1;
-        const bool bLastPiece = bInsideLine && !bFullPiece;
-        const RewriteLine line{szLine, nLength, iLineCount, bHasNewline, bInsideLine || bFullPiece};
-        bInsideLine = !bHasNewline;
-
-        if (op.InTail()) {
-            if (!CopyRead(reader, tmp, szLine, nLength)) {
-                CFG_TRACE_AS(szFunction, 7, "Unable to write \"%s\" to tmp file \"%s\".\n", szLine,
-                             names.szTmpFileName);
-                return CFGFILE_FAILURE;
-            }
-            continue;
-        }
-        const Verdict verdict =
-            bLastPiece || reader.LastHoldsNul() ? Verdict::Copy : op.Classify(line, tmp);
-        switch (verdict) {
-        case Verdict::Copy:
-            if (!CopyRead(reader, tmp, szLine, nLength))
-                return CFGFILE_FAILURE;
-            break;
-        case Verdict::LeaveOut:
-        case Verdict::Written:
-            break;
-        case Verdict::WriteFailed:
-            return CFGFILE_FAILURE;
-        case Verdict::Stop:
-            return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
-        }
-    }
-    // A read error must not pass for the end of the file.
-    return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
-}
-
-// What a rewrite calls back of its operation: the copy of the lines, the
-// text added after them, and whether anything changed.
+// What a rewrite calls back of its operation: its line capacity (the
+// line buffer of N bytes it reads lines of up to N - 1 bytes with), which
+// lines it need not look at, its decision for each line it looks at, the
+// text added after them, and whether anything changed. The sequence is
+// compiled once; only these differ.
 class RewriteSteps {
   public:
-    virtual int Copy(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
-                     OutputFile &tmp) = 0;
+    virtual size_t LineCapacity() const = 0;
+    virtual bool InTail() const = 0;
+    virtual LineFilter Passable() const = 0;
+    virtual Verdict Classify(const RewriteLine &line, OutputFile &tmp) = 0;
     virtual bool Finish(OutputFile &tmp) = 0;
     virtual bool Changed() const = 0;
 
@@ -180,9 +109,11 @@ class RewriteSteps {
 template <size_t N, class Operation> class StepsOf final : public RewriteSteps {
   public:
     explicit StepsOf(Operation &op) : m_op(op) {}
-    int Copy(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
-             OutputFile &tmp) override {
-        return CopyLines<N>(rules, names, reader, tmp, m_op);
+    size_t LineCapacity() const override { return N; }
+    bool InTail() const override { return m_op.InTail(); }
+    LineFilter Passable() const override { return m_op.Passable(); }
+    Verdict Classify(const RewriteLine &line, OutputFile &tmp) override {
+        return m_op.Classify(line, tmp);
     }
     bool Finish(OutputFile &tmp) override { return m_op.Finish(tmp); }
     bool Changed() const override { return m_op.Changed(); }
