@@ -1,10 +1,7 @@
 // Rewrites under real faults: a failure leaves the old file byte for byte, a
 // success leaves only the new file, and nothing planted beside the file (a
 // directory, a link, a leftover) is followed, kept or swapped in.
-#include <csignal>
-
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/sysmacros.h>
 
 #include "rewrites.h"
@@ -56,17 +53,6 @@ TEST_P(RewriteSafety, MissingFileAndNameLength) {
     EXPECT_FALSE(Exists(name246 + ".tmp") || Exists(name246 + ".bak"));
     EXPECT_EQ(CFGFILE_BAD_PARAMETERS, GetParam().run((name246 + "n").c_str()));
     EXPECT_FALSE(Exists(name246 + "n"));
-}
-
-TEST_P(RewriteSafety, FileSizeLimitFailsTheWriteAndKeepsTheFile) {
-    const std::string before = "#" + std::string(120, '-') + "\n" + kInput;
-    WriteFile(file, before);
-    EXPECT_EQ(CFGFILE_FAILURE, InChild(false, [&] {
-                  const rlimit limit{100, 100};
-                  signal(SIGXFSZ, SIG_IGN);
-                  return setrlimit(RLIMIT_FSIZE, &limit) == 0 ? Run() : 255;
-              }));
-    EXPECT_EQ(before, ReadFile(file));
 }
 
 // Leftovers of an earlier rewrite are removed, never followed: the temporary

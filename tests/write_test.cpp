@@ -1,8 +1,6 @@
 // Setting values: the exact bytes a set produces, and set-then-get round trips.
 #include <cfloat>
 #include <climits>
-#include <map>
-#include <random>
 
 #include "cfgfile_api.h"
 #include "test_support.h"
@@ -162,49 +160,6 @@ TEST(Setters, FloatTextsReadBack) {
         EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_GetFloatValue(file.c_str(), "t", "k", &fRead, 0));
         EXPECT_TRUE(!szText || fRead == fValue) << szText;
     }
-}
-
-// For random names and values within the format's limits, every set is read
-// back, and every value set before it still reads back unchanged.
-TEST(Setters, RandomRoundTripKeepsOtherValues) {
-    ScratchDir dir;
-    const std::string file = dir / "f.ini";
-    std::mt19937 random(20261123);
-    const std::string alphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJ0123456789_.-:/ #[]=";
-    // Blanks at either end are trimmed by the reader: not part of a name or value.
-    auto randomText = [&](size_t nMin, size_t nMax) {
-        std::string text(std::uniform_int_distribution<size_t>(nMin, nMax)(random), 'x');
-        for (size_t i = 1; i + 1 < text.size(); ++i)
-            text[i] = alphabet[random() % alphabet.size()];
-        return text;
-    };
-    std::map<std::pair<std::string, std::string>, std::string> expected;
-    WriteFile(file, "# device settings\n[base]\nname=unit\n");
-    expected[{"base", "name"}] = "unit";
-    for (int i = 0; i < 400; ++i) {
-        std::string section = randomText(1, 20), key = randomText(1, 20);
-        const std::string value = randomText(0, 200);
-        // Outside the format: a "]" ends a section name, "=" a key.
-        if (section.find(']') != std::string::npos || key.find('=') != std::string::npos)
-            continue;
-        ASSERT_EQ(CFGFILE_SUCCESS, CfgFile_SetStringValue(file.c_str(), section.c_str(),
-                                                          key.c_str(), value.c_str()));
-        for (std::string *pName : {&section, &key})
-            std::ranges::transform(*pName, pName->begin(), ::tolower);
-        expected[{section, key}] = value;
-        for (const auto &[name, text] : expected) {
-            if (i % 40 != 0)
-                break;
-            char szValue[256];
-            size_t nSize = sizeof(szValue);
-            ASSERT_EQ(CFGFILE_SUCCESS,
-                      CfgFile_GetStringValue(file.c_str(), name.first.c_str(), name.second.c_str(),
-                                             szValue, &nSize, "?"))
-                << "[" << name.first << "] " << name.second;
-            EXPECT_EQ(text, szValue);
-        }
-    }
-    EXPECT_EQ(0u, ReadFile(file).rfind("# device settings\n[base]\n", 0));
 }
 
 } // namespace
