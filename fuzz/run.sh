@@ -1,18 +1,18 @@
 #!/bin/sh
-# fuzz/run.sh [SECONDS] - builds the fuzz targets with clang and runs each one
-# for SECONDS (default 20), one after the other, and prints its executions.
+# fuzz/run.sh [SECONDS] - builds the fuzz target with clang and runs it for
+# SECONDS (default 20), and prints its executions.
 # Exits non-zero when a target finds a crash or a broken invariant; the input
 # that did it is kept under <build>/fuzz/artifacts/<target>/ and can be rerun
 # with "<build>/fuzz/<target> <file>".
 #
 # Environment: CFGFILE_FUZZ_BUILD_DIR (default build-fuzz in the source tree),
-# CFGFILE_FUZZ_TARGETS (default: all five), FUZZ_FLAGS (more libFuzzer flags).
+# CFGFILE_FUZZ_TARGETS (default: fuzz_operations), FUZZ_FLAGS (more libFuzzer flags).
 set -eu
 
 seconds=${1:-20}
 source_dir=$(cd "$(dirname "$0")/.." && pwd)
 build_dir=${CFGFILE_FUZZ_BUILD_DIR:-$source_dir/build-fuzz}
-targets=${CFGFILE_FUZZ_TARGETS:-fuzz_getters fuzz_writer fuzz_deletions fuzz_enumerate fuzz_lines}
+targets=${CFGFILE_FUZZ_TARGETS:-fuzz_operations}
 
 if [ ! -f "$build_dir/CMakeCache.txt" ]; then
     CC=clang CXX=clang++ cmake -S "$source_dir" -B "$build_dir" -G Ninja \

@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
-"""Writes the seed inputs of the fuzz targets: fuzz/corpus/<target>/seed-*.
+"""Writes the seed inputs of the fuzz target: fuzz/corpus/fuzz_operations/seed-*.
 
     fuzz/seeds.py [OUTPUT_DIR]      (default: the corpus directory beside this script)
 
-Each seed is a settings file together with the names, numbers and switches a
-target reads from its input, laid out as the targets take them (see
-fuzz_support.h): integers from the end of the input, texts from the front,
-each ended by a backslash and one other byte, and the file as the rest.
+Each seed is a byte that picks the operation, then a settings file together
+with the names, numbers and switches the operation reads from its input, laid
+out as the target takes them (see fuzz_operations.cpp): integers from the end
+of the input, texts from the front, each ended by a backslash and one other
+byte, and the file as the rest.
 """
 import pathlib
 import sys
@@ -207,23 +208,24 @@ def lines():
         yield f"{name}-{operation}-{capacity}", seed.build(FILES[name])
 
 
-TARGETS = {
-    "fuzz_getters": getters,
-    "fuzz_writer": writer,
-    "fuzz_deletions": deletions,
-    "fuzz_enumerate": enumerate_sections,
-    "fuzz_lines": lines,
+# In the order of the first byte that picks them.
+OPERATIONS = {
+    "getters": getters,
+    "writer": writer,
+    "deletions": deletions,
+    "enumerate": enumerate_sections,
+    "lines": lines,
 }
 
 
 def main():
     output = pathlib.Path(sys.argv[1]) if len(sys.argv) > 1 else pathlib.Path(__file__).parent / "corpus"
-    for target, seeds in TARGETS.items():
-        directory = output / target
-        directory.mkdir(parents=True, exist_ok=True)
+    directory = output / "fuzz_operations"
+    directory.mkdir(parents=True, exist_ok=True)
+    for selector, (operation, seeds) in enumerate(OPERATIONS.items()):
         for name, data in seeds():
             safe = "".join(c if c.isalnum() or c in "-_" else "_" for c in name)
-            (directory / f"seed-{safe}").write_bytes(data)
+            (directory / f"seed-{operation}-{safe}").write_bytes(bytes([selector]) + data)
 
 
 if __name__ == "__main__":

@@ -6,8 +6,7 @@
 
 #include <dirent.h>
 
-#include "cfgfile_api.h"
-#include "test_support.h"
+#include "rewrites.h"
 
 // Counted only while an operation runs, so that the test framework's own
 // allocations around it do not count.
@@ -59,29 +58,33 @@ template <class T> static T g_out;
 #define TEXT g_out<char[64]>, &g_out<size_t>
 #define OP(call) []([[maybe_unused]] const char *f) { return call; }
 
+static const HeapCase kReads[] = {
+    {"GetString", OP(CfgFile_GetStringValue(f, "net", "host", TEXT, "")), 0},
+    {"NoFile", OP(CfgFile_GetStringValue("/none", "A", "N", TEXT, "")), 0, CFGFILE_FILE_ACCESS},
+    {"GetInt", OP(CfgFile_GetIntValue(f, "net", "port", &g_out<int>, 0)), 0},
+    {"GetUInt", OP(CfgFile_GetUnsignedIntValue(f, "net", "port", &g_out<UINT>, 0)), 0},
+    {"GetInt64", OP(CfgFile_GetInt64Value(f, "net", "port", &g_out<INT64>, 0)), 0},
+    {"GetFloat", OP(CfgFile_GetFloatValue(f, "net", "port", &g_out<float>, 0)), 0},
+    {"GetBool", OP(CfgFile_GetBooleanValue(f, "net", "host", &g_out<BOOL>, FALSE)), 0},
+    {"VideoFormat", OP(CfgFile_GetVideoFormatValue(f, "video", "mode", &g_out<VIDEO_FORMAT>, 0)),
+     0},
+    {"VideoResolution", OP(CfgFile_GetVideoResolutionValue(f, "video", "mode", &g_out<long>, 0)),
+     0},
+    {"VideoSize",
+     OP(CfgFile_GetVideoSizeValues(f, "video", "mode", &g_out<UINT>, 0, &g_out<UINT>, 0)), 0},
+    {"Enumerate", OP(CfgFile_EnumerateSections(f, "", TEXT, &g_out<UINT>)), 0},
+    {"FindLine", OP(CfgFile_FindLineStartingWith(f, "host", TEXT)), 0},
+    {"SetGroupOwnership", OP(CfgFile_SetGroupOwnership(f, getgid())), 0},
+};
+
 // A rewrite may allocate only the FILE of the stream its temporary file is
 // open as (fdopen() allocates it); nothing is written through the stream.
-static const HeapCase kCases[] = {
-    {"GetString", OP(CfgFile_GetStringValue(f, "A", "N", TEXT, "")), 0},
-    {"NoFile", OP(CfgFile_GetStringValue("/none", "A", "N", TEXT, "")), 0, CFGFILE_FILE_ACCESS},
-    {"GetInt", OP(CfgFile_GetIntValue(f, "A", "N", &g_out<int>, 0)), 0},
-    {"GetUInt", OP(CfgFile_GetUnsignedIntValue(f, "A", "N", &g_out<UINT>, 0)), 0},
-    {"GetInt64", OP(CfgFile_GetInt64Value(f, "A", "N", &g_out<INT64>, 0)), 0},
-    {"GetFloat", OP(CfgFile_GetFloatValue(f, "A", "G", &g_out<float>, 0)), 0},
-    {"GetBool", OP(CfgFile_GetBooleanValue(f, "A", "B", &g_out<BOOL>, FALSE)), 0},
-    {"VideoFormat", OP(CfgFile_GetVideoFormatValue(f, "A", "F", &g_out<VIDEO_FORMAT>, 0)), 0},
-    {"VideoResolution", OP(CfgFile_GetVideoResolutionValue(f, "A", "S", &g_out<long>, 0)), 0},
-    {"VideoSize", OP(CfgFile_GetVideoSizeValues(f, "A", "S", &g_out<UINT>, 0, &g_out<UINT>, 0)), 0},
-    {"Enumerate", OP(CfgFile_EnumerateSections(f, "", TEXT, &g_out<UINT>)), 0},
-    {"FindLine", OP(CfgFile_FindLineStartingWith(f, "G", TEXT)), 0},
-    {"SetGroupOwnership", OP(CfgFile_SetGroupOwnership(f, getgid())), 0},
-    {"SetString", OP(CfgFile_SetStringValue(f, "C", "V", "-12")), 1},
-    {"DeleteSections", OP(CfgFile_DeleteSections(f, "B")), 1},
-    {"DeleteKey", OP(CfgFile_DeleteKey(f, "A", "B")), 1},
-    {"DeleteAllSectionKeys", OP(CfgFile_DeleteAllSectionKeys(f, "A")), 1},
-    {"CommentLine", OP(CfgFile_CommentLineStartingWith(f, "G")), 1},
-    {"DeleteLine", OP(CfgFile_DeleteLineStartingWith(f, "G")), 1},
-};
+static std::vector<HeapCase> HeapCases() {
+    std::vector<HeapCase> cases(std::begin(kReads), std::end(kReads));
+    for (const cfgtest::Rewrite &rewrite : cfgtest::kRewrites)
+        cases.push_back({rewrite.name, rewrite.run, 1});
+    return cases;
+}
 
 class OperationHeapUse : public ::testing::TestWithParam<HeapCase> {};
 
@@ -92,7 +95,7 @@ TEST_P(OperationHeapUse, StaysWithinBoundAndFreesAll) {
         GTEST_SKIP() << "the allocator in use is not ours";
     cfgtest::ScratchDir dir;
     const std::string file = dir / "a.ini";
-    cfgtest::WriteFile(file, "[A]\nN = 80\nB = yes\nF = 1080p59.94\nS = 1920x1080\nG = 1.5\n[B]\n");
+    cfgtest::WriteFile(file, cfgtest::kInput);
     g_out<size_t> = sizeof(g_out<char[64]>);
     g_nAllocations = 0;
     g_nFrees = 0;
@@ -109,5 +112,5 @@ TEST_P(OperationHeapUse, StaysWithinBoundAndFreesAll) {
     EXPECT_EQ(g_nAllocations, g_nFrees) << "the call keeps memory it allocated";
 }
 
-INSTANTIATE_TEST_SUITE_P(Operations, OperationHeapUse, ::testing::ValuesIn(kCases),
+INSTANTIATE_TEST_SUITE_P(Operations, OperationHeapUse, ::testing::ValuesIn(HeapCases()),
                          [](const auto &info) { return std::string(info.param.name); });

@@ -1,10 +1,6 @@
 // Handing a settings file to a group: the group, the mode bits, failures and
 // their messages. Runs as root, which may give a file to any group.
-#include <grp.h>
-#include <sys/wait.h>
-
-#include "cfgfile_api.h"
-#include "test_support.h"
+#include "rewrites.h"
 
 using namespace cfgtest;
 
@@ -24,18 +20,15 @@ TEST(GroupOwnership, GivesTargetToGroupWithGroupWrite) {
     const std::string file = dir / "cam.ini", link = dir / "link.ini";
     ASSERT_EQ(0, symlink(file.c_str(), link.c_str()));
     for (const auto &c : kCases) {
-        SCOPED_TRACE(c.nBefore);
         WriteFile(file, "[a]\n");
         ASSERT_EQ(0, chown(file.c_str(), 1234, 99));
         ASSERT_EQ(0, chmod(file.c_str(), c.nBefore));
         EXPECT_EQ(CFGFILE_SUCCESS, CfgFile_SetGroupOwnership(link.c_str(), c.nGroup));
-        struct stat st = {}, linkStat = {};
-        ASSERT_EQ(0, stat(file.c_str(), &st));
-        ASSERT_EQ(0, lstat(link.c_str(), &linkStat));
-        EXPECT_EQ(c.nGroup == gid_t(-1) ? 99 : c.nGroup, st.st_gid);
-        EXPECT_EQ(1234u, st.st_uid);
-        EXPECT_EQ(c.nAfter, st.st_mode & 07777);
-        EXPECT_EQ(0u, linkStat.st_gid);
+        const struct stat st = StatOf(file);
+        EXPECT_EQ(std::tuple(1234u, c.nGroup == gid_t(-1) ? 99 : c.nGroup, c.nAfter),
+                  std::tuple(st.st_uid, st.st_gid, st.st_mode & 07777))
+            << std::oct << c.nBefore;
+        EXPECT_EQ(0u, StatOf(link).st_gid);
     }
 }
 
@@ -49,19 +42,20 @@ TEST(GroupOwnership, FailureTracesErrno) {
     for (const auto &[path, szError] :
          {std::pair{missing, "errno=2, \"No such file or directory\""},
           std::pair{file, "errno=1, \"Operation not permitted\""}}) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            TraceCapture trace(8);
-            if (setgroups(0, nullptr) || setgid(65534) || setuid(65534) ||
-                CfgFile_SetGroupOwnership(path.c_str(), 4321) != CFGFILE_FAILURE)
-                _exit(1);
-            const std::string expected =
-                "Failed to set group ownership file \"" + path + "\", " + szError + ".\n";
-            _exit(trace.Messages().size() == 1 && trace.Texts(3) == std::vector{expected} ? 0 : 2);
-        }
-        int nStatus = 1;
-        waitpid(pid, &nStatus, 0);
-        EXPECT_EQ(0, nStatus) << path;
+        EXPECT_EQ(0, InChild(true,
+                             [&] {
+                                 TraceCapture trace(8);
+                                 const std::vector<std::string> expected = {
+                                     "Failed to set group ownership file \"" + path + "\", " +
+                                     szError + ".\n"};
+                                 return CfgFile_SetGroupOwnership(path.c_str(), 4321) ==
+                                                    CFGFILE_FAILURE &&
+                                                trace.Messages().size() == 1 &&
+                                                trace.Texts(3) == expected
+                                            ? 0
+                                            : 2;
+                             }))
+            << path;
     }
 }
 

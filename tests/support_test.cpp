@@ -1,15 +1,13 @@
-// Text helpers and value conversions of the support library.
+// The support library: text helpers, value conversions, companion file names,
+// the mode and owner given to rewritten files, and video names and codes.
 #include <float.h>
 #include <math.h>
-#include <string.h>
 
-#include <algorithm>
-#include <string>
 #include <tuple>
 
-#include <gtest/gtest.h>
-
 #include "support_lib.h"
+#include "test_support.h"
+#include "video/video_formats.h"
 
 TEST(TextTest, NothingWrittenOrReadPastSize) {
     EXPECT_EQ(0, IsValidString(NULL, 80));
@@ -75,4 +73,66 @@ TEST(ConversionTest, BooleanWordsOrTheDefault) {
         for (BOOL bDefault : {0, 1})
             EXPECT_EQ(iExpected < 0 ? bDefault : iExpected, ConvertBooleanString(szText, bDefault))
                 << szText;
+}
+
+TEST(SuffixTest, CompanionNamesDifferFromThePathAndEachOther) {
+    // 246 characters with dots in the directories; and a name too long for either suffix.
+    const std::string sLong = std::string(120, 'd') + ".d/" + std::string(119, 'c') + ".tmp";
+    // Path; then its backup and temporary names, the three all different; or "": refused, the
+    // path left as it was.
+    const std::tuple<std::string, std::string, std::string> kCases[] = {
+        {"cfg", "cfg.bak", "cfg.tmp"},    {"d.d/f.ini", "d.d/f.bak", "d.d/f.tmp"},
+        {"e/.p", "e/.p.bak", "e/.p.tmp"}, {"a.b.c", "a.b.bak", "a.b.tmp"},
+        {"x.tmp", "x.bak", "x.tmp.tmp"},  {"x.bak", "x.bak.bak", "x.tmp"},
+        {"x.", "x.bak", "x.tmp"},         {sLong, sLong.substr(0, 242) + ".bak", sLong + ".tmp"},
+        {std::string(252, 'c'), "", ""},  {"", "", ""}};
+    for (const auto &[sPath, sBackup, sTemporary] : kCases) {
+        SCOPED_TRACE(sPath);
+        // The path in a 256-byte buffer.
+        std::string sBak = sPath + std::string(256 - sPath.size(), '\0'), sTmp = sBak;
+        EXPECT_EQ(!sBackup.empty(), StringReplaceAddSuffix(sBak.data(), 256, '.', "bak") != 0);
+        EXPECT_EQ(!sTemporary.empty(), StringReplaceAddSuffix(sTmp.data(), 256, '.', "tmp") != 0);
+        EXPECT_EQ(sBackup.empty() ? sPath : sBackup, sBak.c_str());
+        EXPECT_EQ(sTemporary.empty() ? sPath : sTemporary, sTmp.c_str());
+    }
+}
+
+// The owner is carried over too: see the rewrite tests.
+TEST(FileModeTest, CopiesPermissionBitsButNoSpecialBits) {
+    cfgtest::ScratchDir dir;
+    cfgtest::WriteFile(dir / "device.ini", "");
+    FILE *pCopy = fopen((dir / "device.tmp").c_str(), "w");
+    for (mode_t nMode : {0640, 0400, 04755, 03777}) {
+        ASSERT_EQ(0, chmod((dir / "device.ini").c_str(), nMode));
+        EXPECT_EQ(1, CopyFilePermissions((dir / "device.ini").c_str(), pCopy));
+        EXPECT_EQ(nMode & 0777, cfgtest::StatOf(dir / "device.tmp").st_mode & 07777) << nMode;
+    }
+    fclose(pCopy);
+}
+
+// A default such as the size getter builds: bit 63 marks it, 333x444 in the size fields.
+const long kDefault = (long)(0x8000000000000000ull | VIDEO_RESOLUTION_CODE(333, 444));
+
+// The size getter converts the value text with "p" appended: both must give the same code.
+TEST(VideoResolutionTest, NamesWithAndWithoutAppendedP) {
+    const std::pair<const char *, long> kCases[] = {
+        {"480", VIDEO_RESOLUTION_480},    {"8191x1", VIDEO_RESOLUTION_CODE(8191, 1)},
+        {"1080i", VIDEO_RESOLUTION_1080}, {" \t720P\t", VIDEO_RESOLUTION_720},
+        {"8K", VIDEO_RESOLUTION_4320},    {"4096X2160", VIDEO_RESOLUTION_DCI_4K}};
+    for (const auto &[szText, lExpected] : kCases)
+        for (const std::string &sText : {std::string(szText), std::string(szText) + "p"})
+            EXPECT_EQ(lExpected, ConvertVideoResolutionString(sText.c_str(), kDefault)) << sText;
+    for (const char *szText : {"1080ppp", "1080p50", "8192x100", "1920x", "0x1080"})
+        EXPECT_EQ(kDefault, ConvertVideoResolutionString(szText, kDefault)) << szText;
+}
+
+TEST(VideoFormatTest, SizeScanAndRate) {
+    const std::pair<const char *, long> kCases[] = {
+        {"1080i59.94", VIDEO_FORMAT_1080I59_94}, {"1080p23.976", VIDEO_FORMAT_1080P23_98},
+        {" 576i50\t", VIDEO_FORMAT_576I50},      {"1920x1080p60", VIDEO_FORMAT_1080P60},
+        {"720p50", VIDEO_FORMAT_720P50},         {"2160P60", VIDEO_FORMAT_2160P60}};
+    for (const auto &[szText, lExpected] : kCases)
+        EXPECT_EQ(lExpected, ConvertVideoFormatString(szText, kDefault)) << szText;
+    for (const char *szText : {"1080p", "1080p0", "1080p300.01", "1080p59.9400", "1080 p60"})
+        EXPECT_EQ(kDefault, ConvertVideoFormatString(szText, kDefault)) << szText;
 }

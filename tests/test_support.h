@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -17,6 +18,8 @@
 
 namespace cfgtest {
 
+using namespace std::string_literals;
+
 // A directory of its own for each test, removed with everything in it.
 class ScratchDir {
   public:
@@ -25,8 +28,8 @@ class ScratchDir {
         m_path = mkdtemp(szTemplate);
     }
     ~ScratchDir() {
-        std::string command = "chmod -R u+rwx '" + m_path + "' 2>/dev/null; rm -rf '" + m_path + "'";
-        if (system(command.c_str()) != 0)
+        if (system(
+                ("chmod -R u+rwx '" + m_path + "' 2>/dev/null; rm -rf '" + m_path + "'").c_str()))
             ADD_FAILURE() << "could not remove " << m_path;
     }
     const std::string &Path() const { return m_path; }
@@ -37,22 +40,24 @@ class ScratchDir {
 };
 
 inline void WriteFile(const std::string &path, const std::string &bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 inline std::string ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream content;
-    content << in.rdbuf();
+    content << std::ifstream(path, std::ios::binary).rdbuf();
     return content.str();
 }
 
+inline struct stat StatOf(const std::string &path) {
+    struct stat st {};
+    lstat(path.c_str(), &st);
+    return st;
+}
 inline bool Exists(const std::string &path) {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
 }
-
 inline ino_t Inode(const std::string &path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
@@ -69,8 +74,7 @@ inline void PreferFreshProcessDeathTests() {
 // One message the library printed.
 struct TraceMessage {
     int nLevel;
-    std::string function;
-    std::string text;
+    std::string function, text;
 };
 
 // Captures the messages of the library's channel at a chosen level.
@@ -84,8 +88,6 @@ class TraceCapture {
         DbgSetOutput(nullptr, nullptr);
         DbgSetChannelLevel("CFGFILELIB", 0);
     }
-    void SetLevel(int nLevel) { DbgSetChannelLevel("CFGFILELIB", nLevel); }
-    void Clear() { m_messages.clear(); }
     const std::vector<TraceMessage> &Messages() const { return m_messages; }
 
     // The texts of the messages of one level (all levels: 0), in order.
@@ -96,13 +98,7 @@ class TraceCapture {
                 texts.push_back(message.text);
         return texts;
     }
-
-    bool Contains(const std::string &text) const {
-        for (const TraceMessage &message : m_messages)
-            if (message.text == text)
-                return true;
-        return false;
-    }
+    bool Contains(const std::string &text) const { return std::ranges::count(Texts(), text) > 0; }
 
   private:
     static void Receive(void *pContext, const char *, int nLevel, const char *szFunction,

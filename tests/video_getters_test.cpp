@@ -19,7 +19,6 @@ struct VideoCase {
     UINT nWidth, nHeight;
 };
 
-// Names the case in test output (and keeps its padding bytes out of it).
 void PrintTo(const VideoCase &c, std::ostream *pOut) {
     *pOut << c.name;
 }
@@ -57,13 +56,10 @@ TEST_P(VideoGetters, StoreCodeOrDefault) {
 const VideoCase kCases[] = {
     {"Format", "[v]\nm=1080i50\n", kOk, long(VIDEO_FORMAT_1080I50), kCode, 0, 1},
     {"LineCount", "[v]\nm=1080\n", kOk, kCode, VIDEO_RESOLUTION_1080, 1920, 1080},
-    {"LineCountWithScan", "[v]\nm=1080p\n", kOk, kCode, VIDEO_RESOLUTION_1080, 1920, 1080},
-    {"WidthByHeight", "[v]\nm=1920x1080\n", kOk, kCode, VIDEO_RESOLUTION_1080, 1920, 1080},
     {"Named", "[v]\nm=4K\n", kOk, kCode, VIDEO_RESOLUTION_2160, 3840, 2160},
     // One trailing 'p' is dropped from resolution names, as the size getter appends one.
     {"OneLetterTooMany", "[v]\nm=1080pp\n", kOk, kCode, VIDEO_RESOLUTION_1080, 0, 1},
     {"NoFile", nullptr, CFGFILE_FILE_ACCESS, kCode, kCode, kWidth, kHeight},
-    {"NoSection", "[w]\nm=1080\n", CFGFILE_SECTION_NOT_FOUND, kCode, kCode, kWidth, kHeight},
     {"NoKey", "[v]\nmm=1080\n[w]\nm=1080\n", CFGFILE_KEY_NOT_FOUND, kCode, kCode, kWidth, kHeight},
     {"NoName", nullptr, CFGFILE_BAD_PARAMETERS, 0, 0, 0, 0},
 };
