@@ -17,6 +17,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL=$jobs
 
 passed=0
 failed=0
+skipped=0
 stages_failed=()
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
@@ -27,11 +28,14 @@ stage_failed() {
     printf 'STAGE FAILED: %s: %s\n' "$current" "$*"
     stages_failed+=("$current: $*")
 }
-# stage_count PASSED FAILED: adds a stage's tests to the totals.
+# stage_count PASSED FAILED [SKIPPED]: adds a stage's tests to the totals.
 stage_count() {
+    local skips=${3:-0}
     passed=$((passed + $1))
     failed=$((failed + $2))
-    printf -- '--- %s: %d tests, %d passed, %d failed\n' "$current" $(($1 + $2)) "$1" "$2"
+    skipped=$((skipped + skips))
+    printf -- '--- %s: %d tests, %d passed, %d failed, %d skipped\n' \
+        "$current" $(($1 + $2 + skips)) "$1" "$2" "$skips"
 }
 need() {
     local tool
@@ -51,10 +55,11 @@ configure() {
     cmake --build "$dir" -j "$jobs" || { stage_failed "the build in $dir failed"; return 1; }
 }
 # run_ctest DIR: runs the directory's tests and counts them from ctest's
-# "N tests failed out of M" line.
+# "N tests failed out of M" line; the tests it lists as skipped or disabled
+# are among the M but did not run.
 run_ctest() {
     ctest --test-dir "$1" -j "$jobs" --output-on-failure --no-tests=error 2>&1 | tee "$log"
-    local status=${PIPESTATUS[0]} summary failures total
+    local status=${PIPESTATUS[0]} summary failures total skips
     summary=$(sed -n 's/.*[^0-9]\([0-9][0-9]*\) tests\{0,1\} failed out of \([0-9][0-9]*\).*/\1 \2/p' "$log" |
               tail -n 1)
     if [ -z "$summary" ]; then
@@ -62,8 +67,9 @@ run_ctest() {
         return 1
     fi
     read -r failures total <<<"$summary"
-    stage_count $((total - failures)) "$failures"
-    if [ "$total" -eq 0 ]; then
+    skips=$(grep -cE '^[[:space:]]*[0-9]+ - .*\((Skipped|Disabled)\)$' "$log")
+    stage_count $((total - failures - skips)) "$failures" "$skips"
+    if [ $((total - skips)) -eq 0 ]; then
         stage_failed "ctest ran no tests in $1"
     elif [ "$failures" -ne 0 ] || [ "$status" -ne 0 ]; then
         stage_failed "$failures of $total tests failed (ctest exit status $status)"
@@ -127,5 +133,5 @@ echo
 for reason in "${stages_failed[@]}"; do
     echo "failed stage: $reason"
 done
-echo "tests: $passed passed, $failed failed"
+echo "tests: $passed passed, $failed failed, $skipped skipped"
 [ ${#stages_failed[@]} -eq 0 ]
