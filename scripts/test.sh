@@ -63,6 +63,7 @@ run_ctest() {
     summary=$(sed -n 's/.*[^0-9]\([0-9][0-9]*\) tests\{0,1\} failed out of \([0-9][0-9]*\).*/\1 \2/p' "$log" |
               tail -n 1)
     if [ -z "$summary" ]; then
+        stage_count 0 0
         stage_failed "ctest ran no tests in $1 (exit status $status)"
         return 1
     fi
