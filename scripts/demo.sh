@@ -5,8 +5,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh base
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCFGFILE_BUILD_TESTS=OFF >/dev/null
-cmake --build build --target cfgfile_tool >/dev/null
+# build/ is shared with scripts/test.sh: the tests are left as configured
+# there (on by default) and only the tool is built. A new directory gets Ninja;
+# an existing one keeps its generator.
+generator=()
+[ -f build/CMakeCache.txt ] || generator=(-G Ninja)
+cmake -S . -B build "${generator[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCFGFILE_BUILD_TOOLS=ON >/dev/null
+cmake --build build -j "$(nproc)" --target cfgfile_tool >/dev/null
 cfgfile=build/tools/cfgfile/cfgfile
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
