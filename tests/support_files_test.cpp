@@ -32,23 +32,63 @@ TEST(SuffixTest, CompanionNamesDifferFromThePathAndEachOther) {
     }
 }
 
+static mode_t ModeOf(int nFd) {
+    struct stat fileStat = {};
+    fstat(nFd, &fileStat);
+    return fileStat.st_mode & 07777;
+}
+
 TEST(FileModeTest, CopiesPermissionBitsButNoSpecialBitsAndOwner) {
     cfgtest::ScratchDir dir;
     const std::string sSource = dir / "device.ini";
     cfgtest::WriteFile(sSource, "");
     FILE *pCopy = fopen((dir / "device.tmp").c_str(), "w");
-    struct stat copyStat = {};
+    const int nFd = fileno(pCopy);
     for (mode_t nMode : {0640, 0400, 04755, 03777}) {
         ASSERT_EQ(0, chmod(sSource.c_str(), nMode));
-        EXPECT_EQ(1, CopyFilePermissions(sSource.c_str(), pCopy));
-        fstat(fileno(pCopy), &copyStat);
-        EXPECT_EQ(nMode & 0777, copyStat.st_mode & 07777) << std::oct << nMode;
+        for (bool bStream : {true, false}) {
+            ASSERT_EQ(0, fchmod(nFd, 0200));
+            EXPECT_EQ(1, bStream ? CopyFilePermissions(sSource.c_str(), pCopy)
+                                 : CopyFilePermissionsToFd(sSource.c_str(), nFd));
+            EXPECT_EQ(nMode & 0777, ModeOf(nFd)) << std::oct << nMode << bStream;
+        }
     }
+    // The owner and group a file already has can always be given again.
+    EXPECT_EQ(1, CopyFileOwnershipToFd(sSource.c_str(), nFd));
     if (geteuid() == 0) { // only root may give a file away
         ASSERT_EQ(0, chown(sSource.c_str(), 12345, 23456));
         EXPECT_EQ(1, CopyFileOwnership(sSource.c_str(), pCopy));
-        fstat(fileno(pCopy), &copyStat);
+        struct stat copyStat = {};
+        fstat(nFd, &copyStat);
         EXPECT_EQ(std::make_pair(12345u, 23456u), std::make_pair(copyStat.st_uid, copyStat.st_gid));
     }
     fclose(pCopy);
+}
+
+TEST(FileModeTest, DefaultModeWhateverTheUmaskAndBadArgumentsChangeNothing) {
+    cfgtest::ScratchDir dir;
+    const std::string sPath = dir / "device.ini", sMissing = dir / "missing.ini";
+    mode_t nOldMask = umask(0077);
+    FILE *pFile = fopen(sPath.c_str(), "w");
+    const int nFd = fileno(pFile);
+    EXPECT_EQ(1, SetDefaultFilePermissionsOnFd(nFd));
+    EXPECT_EQ(0644u, ModeOf(nFd));
+    ASSERT_EQ(0, fchmod(nFd, 0600));
+    EXPECT_EQ(1, SetDefaultFilePermissions(pFile));
+    EXPECT_EQ(0644u, ModeOf(nFd));
+    umask(nOldMask);
+
+    ASSERT_EQ(0, fchmod(nFd, 0600));
+    const int nClosed = dup(nFd);
+    close(nClosed);
+    const int kResults[] = {
+        SetDefaultFilePermissionsOnFd(-1),           SetDefaultFilePermissionsOnFd(nClosed),
+        SetDefaultFilePermissions(nullptr),          CopyFilePermissionsToFd(nullptr, nFd),
+        CopyFilePermissionsToFd(sPath.c_str(), -1),  CopyFilePermissionsToFd(sMissing.c_str(), nFd),
+        CopyFilePermissions(sPath.c_str(), nullptr), CopyFileOwnershipToFd(nullptr, nFd),
+        CopyFileOwnershipToFd(sPath.c_str(), -1),    CopyFileOwnership(sPath.c_str(), nullptr)};
+    for (size_t i = 0; i < std::size(kResults); i++)
+        EXPECT_EQ(0, kResults[i]) << "call " << i;
+    EXPECT_EQ(0600u, ModeOf(nFd));
+    fclose(pFile);
 }

@@ -50,16 +50,14 @@ int StringReplaceAddSuffix(char *szName, size_t nSize, char cSeparator, const ch
     return 1;
 }
 
-int CopyFilePermissions(const char *szPath, FILE *pStream) {
-    int nFd = DescriptorOf(pStream);
+int CopyFilePermissionsToFd(const char *szPath, int nFd) {
     struct stat fileStat;
     if (szPath == NULL || nFd < 0 || stat(szPath, &fileStat) != 0)
         return 0;
     return fchmod(nFd, fileStat.st_mode & 0777) == 0 ? 1 : 0;
 }
 
-int CopyFileOwnership(const char *szPath, FILE *pStream) {
-    int nFd = DescriptorOf(pStream);
+int CopyFileOwnershipToFd(const char *szPath, int nFd) {
     struct stat fileStat;
     if (szPath == NULL || nFd < 0 || stat(szPath, &fileStat) != 0)
         return 0;
@@ -71,9 +69,20 @@ int CopyFileOwnership(const char *szPath, FILE *pStream) {
     return 0;
 }
 
-int SetDefaultFilePermissions(FILE *pStream) {
-    int nFd = DescriptorOf(pStream);
+int SetDefaultFilePermissionsOnFd(int nFd) {
     if (nFd < 0)
         return 0;
     return fchmod(nFd, kDefaultFileMode) == 0 ? 1 : 0;
+}
+
+int CopyFilePermissions(const char *szPath, FILE *pStream) {
+    return CopyFilePermissionsToFd(szPath, DescriptorOf(pStream));
+}
+
+int CopyFileOwnership(const char *szPath, FILE *pStream) {
+    return CopyFileOwnershipToFd(szPath, DescriptorOf(pStream));
+}
+
+int SetDefaultFilePermissions(FILE *pStream) {
+    return SetDefaultFilePermissionsOnFd(DescriptorOf(pStream));
 }
