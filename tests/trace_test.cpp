@@ -1,4 +1,5 @@
-// trace_test.cpp - trace channels: levels, environment settings, output, assertions.
+// trace_test.cpp - trace channels: levels, environment settings, output, stack use,
+// assertions.
 //
 // The channel table is shared by all tests of the process and never shrinks,
 // so every test uses channel names of its own; the test that fills the table
@@ -9,9 +10,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <string>
 #include <tuple>
+#include <vector>
+
+#include <pthread.h>
 
 namespace {
 
@@ -72,23 +79,74 @@ TEST(TraceEnvironment, ReadWhenOpenedUnlessSetExplicitly) {
 }
 
 TEST(TraceOutput, CallbackThenStderr) {
-    // Function, file and "%s" argument; what the callback gets, then the line on stderr.
-    const char *const kRows[][4] = {
-        {"Fn", "a.c", "hi\n", "o|3|Fn|a.c|7|hi\no[3] Fn (a.c:7): hi\n"},
-        {"Fn", "a.c", "hi", "o|3|Fn|a.c|7|hio[3] Fn (a.c:7): hi\n"},
-        {nullptr, nullptr, "x\n", "o|3|?|?|7|x\no[3] ? (?:7): x\n"},
-        {"Fn", "a.c", nullptr, "o|3|Fn|a.c|7|(null)o[3] Fn (a.c:7): (null)\n"},
+    const std::string sFits(1534, 'x'), sCut = sFits + "\n", sLong = sFits + "zz", sName(1100, 'n');
+    const std::string sOneMore = sFits + "z";
+    // Function, file, line and "%s" argument; what the callback gets, then the line on stderr.
+    const std::tuple<const char *, const char *, int, const char *, std::string> kRows[] = {
+        {"Fn", "a.c", 7, "hi\n", "o|3|Fn|a.c|7|hi\no[3] Fn (a.c:7): hi\n"},
+        {"Fn", "a.c", 7, "hi", "o|3|Fn|a.c|7|hio[3] Fn (a.c:7): hi\n"},
+        {nullptr, nullptr, 7, "x\n", "o|3|?|?|7|x\no[3] ? (?:7): x\n"},
+        {"Fn", "a.c", INT_MIN, nullptr,
+         "o|3|Fn|a.c|-2147483648|(null)o[3] Fn (a.c:-2147483648): (null)\n"},
+        // A text beyond 1535 characters is cut and still ends its line.
+        {"Fn", "a.c", 7, sOneMore.c_str(),
+         "o|3|Fn|a.c|7|" + sOneMore + "o[3] Fn (a.c:7): " + sOneMore + "\n"},
+        {"Fn", "a.c", 7, sLong.c_str(), "o|3|Fn|a.c|7|" + sCut + "o[3] Fn (a.c:7): " + sCut},
+        // So does a line beyond 2559 bytes.
+        {sName.c_str(), "a.c", 7, sCut.c_str(),
+         "o|3|" + sName + "|a.c|7|" + sCut +
+             ("o[3] " + sName + " (a.c:7): " + sCut).substr(0, 2558) + "\n"},
     };
     DbgSetChannelLevel("o", 3);
     HDBG hDbg = OpenChannel("o");
-    for (const auto &[szFunction, szFile, szArgument, szExpected] : kRows) {
+    for (const auto &[szFunction, szFile, nLine, szArgument, sExpected] : kRows) {
         testing::internal::CaptureStderr();
         DbgSetOutput(&PrintFields, nullptr);
-        _DoDbgPrintEx(hDbg, 3, szFunction, szFile, 7, "%s", szArgument);
+        _DoDbgPrintEx(hDbg, 3, szFunction, szFile, nLine, "%s", szArgument);
         DbgSetOutput(nullptr, nullptr);
-        _DoDbgPrintEx(hDbg, 3, szFunction, szFile, 7, "%s", szArgument);
-        EXPECT_EQ(szExpected, testing::internal::GetCapturedStderr());
+        errno = EXDEV;
+        _DoDbgPrintEx(hDbg, 3, szFunction, szFile, nLine, "%s", szArgument);
+        EXPECT_EQ(EXDEV, errno);
+        EXPECT_EQ(sExpected, testing::internal::GetCapturedStderr()) << nLine;
     }
+}
+
+// Bytes of stack below the caller that one call touches, found by running it on
+// a thread whose stack is filled with a pattern.
+size_t StackUse(void (*pfnCall)()) {
+    static std::vector<unsigned char> stack(256 * 1024);
+    std::fill(stack.begin(), stack.end(), 0xA5);
+    auto thread = [](void *pCall) -> void * {
+        auto *pcTop = static_cast<unsigned char *>(__builtin_frame_address(0));
+        reinterpret_cast<void (*)()>(pCall)();
+        size_t nUntouched = 0;
+        while (stack[nUntouched] == 0xA5)
+            nUntouched++;
+        return reinterpret_cast<void *>(pcTop - (stack.data() + nUntouched));
+    };
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstack(&attr, stack.data(), stack.size());
+    pthread_t hThread;
+    void *pUse = nullptr;
+    if (pthread_create(&hThread, &attr, thread, reinterpret_cast<void *>(pfnCall)) == 0)
+        pthread_join(hThread, &pUse);
+    return reinterpret_cast<size_t>(pUse);
+}
+
+TEST(TraceStack, MessageFitsTheCallersBudget) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "instrumented frames";
+#endif
+    static HDBG hDbg = (DbgSetChannelLevel("stack", 8), OpenChannel("stack"));
+    static const std::string sLine(1199, 'v');
+    auto printed = [] { _DoDbgPrintEx(hDbg, 8, "Fn", "f.c", 1, "%d %s\n", 7, sLine.c_str()); };
+    testing::internal::CaptureStderr();
+    printed(); // binds the C library's functions before the measurement
+    // The text buffer and the C library's formatter (about 2 KiB by itself).
+    EXPECT_LT(StackUse(printed), 4608u);
+    EXPECT_LT(StackUse([] { _DoDbgPrintEx(hDbg, 9, "Fn", "f.c", 1, "%d", 7); }), 512u);
+    testing::internal::GetCapturedStderr();
 }
 
 TEST(TraceChannel, NamesAndTableLimit) {
@@ -113,6 +171,9 @@ TEST(TraceAssert, ReportsOnStderrAndToCallbackThenAborts) {
     EXPECT_DEATH((DbgSetOutput(&PrintFields, nullptr), _DoAssert("p != NULL", "Fn", nullptr, 12)),
                  "^ASSERTION FAILED: p != NULL in Fn \\(\\?:12\\)\n"
                  "ASSERT\\|0\\|Fn\\|\\?\\|12\\|ASSERTION FAILED: p != NULL in Fn \\(\\?:12\\)\n");
+    // Cut to 1535 characters, the last one a newline.
+    EXPECT_DEATH(_DoAssert(std::string(2000, 'e').c_str(), "Fn", "f.c", 1),
+                 "^ASSERTION FAILED: e{1516}\n");
 }
 
 } // namespace

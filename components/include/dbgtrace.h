@@ -27,13 +27,17 @@
  * are refused, not cut. Channels are never removed, so a handle stays valid
  * until the process ends.
  *
- * Output: one line per message on stderr, written with a single write(2) so
+ * Output: one line per message on stderr, written with a single writev(2) so
  *   that lines of concurrent threads do not mix,
  *     CHANNEL[LEVEL] function (file:line): text
  *   or, after DbgSetOutput(), to the caller's callback. A newline is added
  *   when the text has none. Null "%s" arguments print as "(null)", a null
- *   function or file name as "?". A text is cut to 2047 characters; a cut
- *   text still ends with a newline.
+ *   function or file name as "?". A text is cut to 1535 characters; a cut
+ *   text still ends with a newline. A line longer than 2559 bytes (only
+ *   possible with very long function or file names) is cut to 2559 bytes,
+ *   again ending with a newline. Printing takes nothing from the heap and uses
+ *   no stdio stream (unless the format itself asks the C library for it,
+ *   e.g. with a field width in the thousands).
  *
  * Compiles as C99 and as C++.
  */
@@ -64,8 +68,9 @@ int _DoDbgInit(const char *szChannel, HDBG *phDbg);
 
 /* Formats and prints one message on the channel when nLevel <= nMaxLevel.
  * szFunction, szFile and nLine say where the message comes from. A null
- * hDbg prints nothing. Returns the number of characters of the text (after a
- * cut, at most 2047), or 0 when nothing was printed. */
+ * hDbg prints nothing. errno is left as it was. Returns the number of
+ * characters of the text (after a cut, at most 1535), or 0 when nothing was
+ * printed. */
 int _DoDbgPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szFile, int nLine,
                   const char *szFormat, ...)
 #if defined(__GNUC__)

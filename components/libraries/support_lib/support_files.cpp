@@ -50,19 +50,11 @@ int StringReplaceAddSuffix(char *szName, size_t nSize, char cSeparator, const ch
     return 1;
 }
 
-int CopyFilePermissions(const char *szPath, FILE *pStream) {
-    return CopyFilePermissionsToFd(szPath, DescriptorOf(pStream));
-}
-
 int CopyFilePermissionsToFd(const char *szPath, int nFd) {
     struct stat fileStat;
     if (szPath == NULL || nFd < 0 || stat(szPath, &fileStat) != 0)
         return 0;
     return fchmod(nFd, fileStat.st_mode & 0777) == 0 ? 1 : 0;
-}
-
-int CopyFileOwnership(const char *szPath, FILE *pStream) {
-    return CopyFileOwnershipToFd(szPath, DescriptorOf(pStream));
 }
 
 int CopyFileOwnershipToFd(const char *szPath, int nFd) {
@@ -77,12 +69,20 @@ int CopyFileOwnershipToFd(const char *szPath, int nFd) {
     return 0;
 }
 
-int SetDefaultFilePermissions(FILE *pStream) {
-    return SetDefaultFilePermissionsOnFd(DescriptorOf(pStream));
-}
-
 int SetDefaultFilePermissionsOnFd(int nFd) {
     if (nFd < 0)
         return 0;
     return fchmod(nFd, kDefaultFileMode) == 0 ? 1 : 0;
+}
+
+int CopyFilePermissions(const char *szPath, FILE *pStream) {
+    return CopyFilePermissionsToFd(szPath, DescriptorOf(pStream));
+}
+
+int CopyFileOwnership(const char *szPath, FILE *pStream) {
+    return CopyFileOwnershipToFd(szPath, DescriptorOf(pStream));
+}
+
+int SetDefaultFilePermissions(FILE *pStream) {
+    return SetDefaultFilePermissionsOnFd(DescriptorOf(pStream));
 }

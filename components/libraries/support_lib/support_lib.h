@@ -108,6 +108,27 @@ long ConvertVideoResolutionString(const char *szText, long lDefault);
  * cSeparator is '\0' or '/'. */
 int StringReplaceAddSuffix(char *szName, size_t nSize, char cSeparator, const char *szSuffix);
 
+/* Gives the open file nFd the permission bits (mode & 0777) of the file at
+ * szPath, following a symbolic link. The set-user-ID, set-group-ID and
+ * sticky bits are not carried: a file rewritten through a copy must not gain
+ * privileges on the way. nFd stays open, at its offset. Returns 1 on
+ * success; 0 on failure, a NULL path or a negative nFd, and then nothing is
+ * changed. */
+int CopyFilePermissionsToFd(const char *szPath, int nFd);
+
+/* Gives the open file nFd the owner and group of the file at szPath
+ * (following a symbolic link), as far as the caller may: when the owner
+ * cannot be set (the caller is not privileged), it still tries to set the
+ * group alone, which a member of that group may do. nFd stays open, at its
+ * offset, in every case. Returns 1 when owner and group were both set; 0
+ * otherwise or for a NULL path or a negative nFd. */
+int CopyFileOwnershipToFd(const char *szPath, int nFd);
+
+/* Gives the open file nFd the default mode of configuration files, 0644
+ * (rw-r--r--), whatever the process umask is. nFd stays open. Returns 1 on
+ * success; 0 on failure or a negative nFd. */
+int SetDefaultFilePermissionsOnFd(int nFd);
+
 /* Gives the file behind pStream the permission bits (mode & 0777) of the
  * file at szPath, following a symbolic link. The set-user-ID, set-group-ID
  * and sticky bits are not carried: a file rewritten through a copy must not

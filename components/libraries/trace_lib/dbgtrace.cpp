@@ -19,6 +19,7 @@
 
 #include <errno.h>
 #include <pthread.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 // The build hides every symbol by default; the entry points of the header are
@@ -30,9 +31,13 @@
 namespace {
 
 constexpr int kMaxChannels = 32;
-constexpr size_t kNameSize = 32;              // 31 characters and the terminator
-constexpr size_t kTextSize = 2048;            // one formatted message, terminator included
-constexpr size_t kLineSize = kTextSize + 512; // message plus the "CHANNEL[LEVEL] ..." prefix
+constexpr size_t kNameSize = 32; // 31 characters and the terminator
+// One formatted message, terminator included: room for a 1199-byte line of a
+// settings file, a 256-byte path and the words around them.
+constexpr size_t kTextSize = 1536;
+// A whole output line, message and "CHANNEL[LEVEL] function (file:line): "
+// prefix, is at most kLineSize - 1 bytes.
+constexpr size_t kLineSize = kTextSize + 1024;
 constexpr int kLevelSilent = -1;
 constexpr char kLevelVariable[] = "DBGTRACE_LEVEL";
 constexpr char kAssertChannel[] = "ASSERT";
@@ -200,41 +205,185 @@ Channel *ChannelFromHandle(HDBG hDbg) {
 }
 
 // ------------------------------------------------------------ output
+//
+// Nothing on the message path uses stdio streams or the heap: the text is
+// formatted once with vsnprintf into a buffer on the stack, and the line is
+// sent as pieces with one writev(2), so no second copy of it is ever made.
 
 Output CurrentOutput() {
     TableLock lock;
     return Output{g_pfnOutput, g_pOutputContext};
 }
 
-void WriteAll(const char *pData, size_t nSize) {
-    while (nSize > 0) {
-        ssize_t nWritten = write(STDERR_FILENO, pData, nSize);
-        if (nWritten < 0 && errno == EINTR)
-            continue;
-        if (nWritten <= 0)
-            return;
-        pData += nWritten;
-        nSize -= static_cast<size_t>(nWritten);
-    }
+// Writes nValue in decimal, as "%d" would, to pcOut (room for 11 characters);
+// returns the number of characters written.
+size_t FormatDecimal(int nValue, char *pcOut) {
+    unsigned nMagnitude = static_cast<unsigned>(nValue);
+    if (nValue < 0)
+        nMagnitude = 0u - nMagnitude; // also right for INT_MIN
+    char acDigits[10];
+    size_t nDigits = 0;
+    do {
+        acDigits[nDigits++] = static_cast<char>('0' + nMagnitude % 10);
+        nMagnitude /= 10;
+    } while (nMagnitude != 0);
+    size_t nLength = 0;
+    if (nValue < 0)
+        pcOut[nLength++] = '-';
+    while (nDigits > 0)
+        pcOut[nLength++] = acDigits[--nDigits];
+    return nLength;
 }
 
-// The whole line goes out in one write(2), so lines of concurrent threads do
-// not mix.
-void WriteLine(const char *szChannel, int nLevel, const char *szFunction, const char *szFile,
-               int nLine, const char *szText, size_t nTextLength) {
-    bool bHasNewline = nTextLength > 0 && szText[nTextLength - 1] == '\n';
-    char szOutput[kLineSize];
-    int nLength = snprintf(szOutput, sizeof(szOutput), "%s[%d] %s (%s:%d): %s%s", szChannel, nLevel,
-                           szFunction, szFile, nLine, szText, bHasNewline ? "" : "\n");
-    if (nLength < 0)
-        return;
-    size_t nSize = static_cast<size_t>(nLength);
-    if (nSize >= sizeof(szOutput)) {
-        nSize = sizeof(szOutput) - 1;
-        szOutput[nSize - 1] = '\n';
+// The pieces of one output line, sent together with writev(2). A line never
+// exceeds kLineSize - 1 bytes: a longer one is cut and still ends with a
+// newline.
+class LineParts {
+  public:
+    void Add(const char *pcData, size_t nSize) {
+        if (nSize == 0)
+            return;
+        m_aParts[m_nParts++] = iovec{const_cast<char *>(pcData), nSize};
+        m_nSize += nSize;
     }
-    WriteAll(szOutput, nSize);
+    void Add(const char *szText) { Add(szText, strlen(szText)); }
+
+    // Sends the line to stderr, resuming after partial writes and
+    // interruptions; gives up silently on any other failure.
+    void Write() {
+        if (m_nSize > kLineSize - 1)
+            CutLine();
+        iovec *pPart = m_aParts;
+        int nParts = m_nParts;
+        while (nParts > 0) {
+            ssize_t nWritten = writev(STDERR_FILENO, pPart, nParts);
+            if (nWritten < 0 && errno == EINTR)
+                continue;
+            if (nWritten <= 0)
+                return;
+            size_t nDone = static_cast<size_t>(nWritten);
+            while (nParts > 0 && nDone >= pPart->iov_len) {
+                nDone -= pPart->iov_len;
+                pPart++;
+                nParts--;
+            }
+            if (nParts > 0) {
+                pPart->iov_base = static_cast<char *>(pPart->iov_base) + nDone;
+                pPart->iov_len -= nDone;
+            }
+        }
+    }
+
+  private:
+    // WriteLine adds at most eight pieces; cutting the line adds a newline.
+    static constexpr int kMaxParts = 9;
+
+    // Keeps the first kLineSize - 2 bytes and ends them with a newline.
+    void CutLine() {
+        size_t nKeep = kLineSize - 2;
+        int nPart = 0;
+        while (nKeep > m_aParts[nPart].iov_len)
+            nKeep -= m_aParts[nPart++].iov_len;
+        m_aParts[nPart].iov_len = nKeep;
+        m_nParts = nPart + 1;
+        m_nSize = kLineSize - 2;
+        Add("\n", 1);
+    }
+
+    iovec m_aParts[kMaxParts];
+    int m_nParts = 0;
+    size_t m_nSize = 0;
+};
+
+// Sends "CHANNEL[LEVEL] function (file:line): text" to stderr, with a newline
+// added when the text has none. Kept out of line, so that its pieces do not
+// add to the stack taken while the text is formatted.
+[[gnu::noinline]] void WriteLine(const char *szChannel, int nLevel, const char *szFunction,
+                                 const char *szFile, int nLine, const char *szText,
+                                 size_t nTextLength) {
+    char acLevel[16]; // "[" level "] "
+    char acLine[16];  // ":" line "): "
+    size_t nLevelLength = 0, nLineLength = 0;
+    acLevel[nLevelLength++] = '[';
+    nLevelLength += FormatDecimal(nLevel, acLevel + nLevelLength);
+    acLevel[nLevelLength++] = ']';
+    acLevel[nLevelLength++] = ' ';
+    acLine[nLineLength++] = ':';
+    nLineLength += FormatDecimal(nLine, acLine + nLineLength);
+    memcpy(acLine + nLineLength, "): ", 3);
+    nLineLength += 3;
+
+    LineParts line;
+    line.Add(szChannel);
+    line.Add(acLevel, nLevelLength);
+    line.Add(szFunction);
+    line.Add(" (", 2);
+    line.Add(szFile);
+    line.Add(acLine, nLineLength);
+    line.Add(szText, nTextLength);
+    if (nTextLength == 0 || szText[nTextLength - 1] != '\n')
+        line.Add("\n", 1);
+    line.Write();
 }
+
+// Formats the text of a message and hands it to the output. Kept out of line,
+// so that a message that is not printed never touches the text buffer's stack.
+[[gnu::noinline]] int PrintMessage(const Channel *pChannel, int nLevel, const char *szFunction,
+                                   const char *szFile, int nLine, const char *szFormat,
+                                   va_list args) {
+    char szText[kTextSize];
+    int nLength = vsnprintf(szText, sizeof(szText), szFormat, args);
+    if (nLength < 0)
+        return 0;
+    // A cut message still ends its line.
+    if (static_cast<size_t>(nLength) >= sizeof(szText)) {
+        nLength = sizeof(szText) - 1;
+        szText[nLength - 1] = '\n';
+    }
+
+    Output output = CurrentOutput();
+    if (output.pfnOutput != nullptr)
+        output.pfnOutput(output.pContext, pChannel->szName, nLevel, OrUnknown(szFunction),
+                         OrUnknown(szFile), nLine, szText);
+    else
+        WriteLine(pChannel->szName, nLevel, OrUnknown(szFunction), OrUnknown(szFile), nLine, szText,
+                  static_cast<size_t>(nLength));
+    return nLength;
+}
+
+// Appends text to a fixed buffer, cutting what does not fit; the text stays
+// terminated.
+class TextBuilder {
+  public:
+    TextBuilder(char *pcBuffer, size_t nSize) : m_pcBuffer(pcBuffer), m_nSize(nSize) {
+        m_pcBuffer[0] = '\0';
+    }
+    void Add(const char *szText) {
+        size_t nCopy = strnlen(szText, m_nSize - 1 - m_nLength);
+        if (szText[nCopy] != '\0')
+            m_bCut = true;
+        memcpy(m_pcBuffer + m_nLength, szText, nCopy);
+        m_nLength += nCopy;
+        m_pcBuffer[m_nLength] = '\0';
+    }
+    void AddDecimal(int nValue) {
+        char acDigits[12];
+        acDigits[FormatDecimal(nValue, acDigits)] = '\0';
+        Add(acDigits);
+    }
+    // A text that was cut still ends with a newline, in place of its last character.
+    size_t Finish() {
+        if (m_bCut)
+            m_pcBuffer[m_nLength - 1] = '\n';
+        return m_nLength;
+    }
+
+  private:
+    char *m_pcBuffer;
+    size_t m_nSize;
+    size_t m_nLength = 0;
+    bool m_bCut = false;
+};
 
 } // namespace
 
@@ -270,27 +419,14 @@ int _DoDbgPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szF
     const Channel *pChannel = ChannelFromHandle(hDbg);
     if (pChannel == nullptr)
         return 0;
-
-    char szText[kTextSize];
+    // A trace call between a failing call and the caller's look at errno must
+    // not change what the caller sees.
+    int nSavedErrno = errno;
     va_list args;
     va_start(args, szFormat);
-    int nLength = vsnprintf(szText, sizeof(szText), szFormat, args);
+    int nLength = PrintMessage(pChannel, nLevel, szFunction, szFile, nLine, szFormat, args);
     va_end(args);
-    if (nLength < 0)
-        return 0;
-    // A cut message still ends its line.
-    if (static_cast<size_t>(nLength) >= sizeof(szText)) {
-        nLength = sizeof(szText) - 1;
-        szText[nLength - 1] = '\n';
-    }
-
-    Output output = CurrentOutput();
-    if (output.pfnOutput != nullptr)
-        output.pfnOutput(output.pContext, pChannel->szName, nLevel, OrUnknown(szFunction),
-                         OrUnknown(szFile), nLine, szText);
-    else
-        WriteLine(pChannel->szName, nLevel, OrUnknown(szFunction), OrUnknown(szFile), nLine, szText,
-                  static_cast<size_t>(nLength));
+    errno = nSavedErrno;
     return nLength;
 }
 
@@ -308,21 +444,23 @@ int _DoDbgUninitEx(HDBG *phDbg, const char * /*szFunction*/, const char * /*szFi
 
 void _DoAssert(const char *szExpression, const char *szFunction, const char *szFile, int nLine) {
     char szMessage[kTextSize];
-    int nLength =
-        snprintf(szMessage, sizeof(szMessage), "ASSERTION FAILED: %s in %s (%s:%d)\n",
-                 OrUnknown(szExpression), OrUnknown(szFunction), OrUnknown(szFile), nLine);
-    if (nLength >= 0) {
-        size_t nSize = static_cast<size_t>(nLength);
-        if (nSize >= sizeof(szMessage)) {
-            nSize = sizeof(szMessage) - 1;
-            szMessage[nSize - 1] = '\n';
-        }
-        WriteAll(szMessage, nSize);
-        Output output = CurrentOutput();
-        if (output.pfnOutput != nullptr)
-            output.pfnOutput(output.pContext, kAssertChannel, 0, OrUnknown(szFunction),
-                             OrUnknown(szFile), nLine, szMessage);
-    }
+    TextBuilder message(szMessage, sizeof(szMessage));
+    message.Add("ASSERTION FAILED: ");
+    message.Add(OrUnknown(szExpression));
+    message.Add(" in ");
+    message.Add(OrUnknown(szFunction));
+    message.Add(" (");
+    message.Add(OrUnknown(szFile));
+    message.Add(":");
+    message.AddDecimal(nLine);
+    message.Add(")\n");
+    LineParts line;
+    line.Add(szMessage, message.Finish());
+    line.Write();
+    Output output = CurrentOutput();
+    if (output.pfnOutput != nullptr)
+        output.pfnOutput(output.pContext, kAssertChannel, 0, OrUnknown(szFunction),
+                         OrUnknown(szFile), nLine, szMessage);
     abort();
 }
 
