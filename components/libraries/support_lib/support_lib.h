@@ -150,11 +150,6 @@ int CopyFileOwnership(const char *szPath, FILE *pStream);
  * usable. Returns 1 on success; 0 on failure or a NULL stream. */
 int SetDefaultFilePermissions(FILE *pStream);
 
-/* The same three for a file open as nFd (negative: 0, nothing changed). */
-int CopyFilePermissionsToFd(const char *szPath, int nFd);
-int CopyFileOwnershipToFd(const char *szPath, int nFd);
-int SetDefaultFilePermissionsOnFd(int nFd);
-
 #ifdef __cplusplus
 }
 #endif
