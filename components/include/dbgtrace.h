@@ -46,6 +46,8 @@
 
 #include "xtypes.h"
 
+#include <stdarg.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -75,6 +77,14 @@ int _DoDbgPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szF
                   const char *szFormat, ...)
 #if defined(__GNUC__)
     __attribute__((format(printf, 6, 7)))
+#endif
+    ;
+
+/* _DoDbgPrintEx with the arguments of the format as a va_list. */
+int _DoDbgVPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szFile, int nLine,
+                   const char *szFormat, va_list args)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 6, 0)))
 #endif
     ;
 

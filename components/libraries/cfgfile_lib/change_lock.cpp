@@ -27,6 +27,23 @@ bool IsHeldByOther(const char *szPath) {
 
 } // namespace
 
+Deadline::Deadline() {
+    clock_gettime(CLOCK_MONOTONIC, &m_end);
+    m_end.tv_sec += CFGFILE_LOCK_WAIT_MS / 1000;
+    m_end.tv_nsec += (CFGFILE_LOCK_WAIT_MS % 1000) * 1000000L;
+    if (m_end.tv_nsec >= 1000000000L) {
+        ++m_end.tv_sec;
+        m_end.tv_nsec -= 1000000000L;
+    }
+}
+
+bool Deadline::Passed() const {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec > m_end.tv_sec ||
+           (now.tv_sec == m_end.tv_sec && now.tv_nsec >= m_end.tv_nsec);
+}
+
 // Takes a lock of nType (F_RDLCK, F_WRLCK) on fd, polling until the
 // deadline: Busy when another holds it still. A file system without such
 // locks (Unsupported) leaves changes as unexcluded as they always were.

@@ -34,21 +34,8 @@ constexpr off_t kLockByte = off_t(1) << 62;
 // A point in time on the monotonic clock, CFGFILE_LOCK_WAIT_MS from now.
 class Deadline {
   public:
-    Deadline() {
-        clock_gettime(CLOCK_MONOTONIC, &m_end);
-        m_end.tv_sec += CFGFILE_LOCK_WAIT_MS / 1000;
-        m_end.tv_nsec += (CFGFILE_LOCK_WAIT_MS % 1000) * 1000000L;
-        if (m_end.tv_nsec >= 1000000000L) {
-            ++m_end.tv_sec;
-            m_end.tv_nsec -= 1000000000L;
-        }
-    }
-    bool Passed() const {
-        timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        return now.tv_sec > m_end.tv_sec ||
-               (now.tv_sec == m_end.tv_sec && now.tv_nsec >= m_end.tv_nsec);
-    }
+    Deadline();
+    bool Passed() const;
 
   private:
     timespec m_end;

@@ -3,6 +3,7 @@
 #include "frame.h"
 
 #include <csignal>
+#include <cstdarg>
 
 HDBG _g_hCfgFileLibDbg = nullptr;
 
@@ -13,6 +14,18 @@ __attribute__((constructor)) static void __CFGFILELIB_AutoInit() {
 __attribute__((destructor)) static void __CFGFILELIB_AutoShutdown() {
     _DoDbgUninitEx(&_g_hCfgFileLibDbg, "__CFGFILELIB_AutoShutdown", __FILE_NAME__, __LINE__);
 }
+
+namespace cfglib {
+
+void TraceAt(const TraceSite *pSite, int nLevel, const char *szFunction, ...) {
+    va_list args;
+    va_start(args, szFunction);
+    _DoDbgVPrintEx(_g_hCfgFileLibDbg, nLevel, szFunction, pSite->szFile, pSite->nLine,
+                   pSite->szFormat, args);
+    va_end(args);
+}
+
+} // namespace cfglib
 
 #ifdef CFGFILE_FAULT_SEAM
 namespace {

@@ -20,17 +20,21 @@
 #include "support_lib.h"
 
 // The library's one trace channel; opened by the load hook.
-extern HDBG _g_hCfgFileLibDbg;
+extern HDBG _g_hCfgFileLibDbg __attribute__((visibility("hidden")));
 
 // Messages carry the name of the source file that holds the call, never
 // its build path. The level test comes first, so a silent channel costs one
 // pointer test and one comparison, and no argument (errno text, ...) is
-// worked out for nothing.
-#define CFG_TRACE_AS(szFunction, nLevel, ...)                                                      \
+// worked out for nothing. Where the call stands, and its format, are a
+// constant of its own, so that each call passes one pointer for them.
+#define CFG_TRACE_AS(szFunction, nLevel, szFormat, ...)                                            \
     do {                                                                                           \
-        if (cfglib::TraceOn(nLevel))                                                               \
-            _DoDbgPrintEx(_g_hCfgFileLibDbg, (nLevel), (szFunction), __FILE_NAME__, __LINE__,      \
-                          __VA_ARGS__);                                                            \
+        if (cfglib::TraceOn(nLevel)) {                                                             \
+            static_cast<void>(                                                                     \
+                sizeof(cfglib::CheckTraceFormat(szFormat __VA_OPT__(, ) __VA_ARGS__)));            \
+            static constexpr cfglib::TraceSite kSite{__FILE_NAME__, szFormat, __LINE__};           \
+            cfglib::TraceAt(&kSite, (nLevel), (szFunction)__VA_OPT__(, ) __VA_ARGS__);             \
+        }                                                                                          \
     } while (0)
 
 #define CFG_TRACE(nLevel, ...) CFG_TRACE_AS(__func__, nLevel, __VA_ARGS__)
@@ -43,6 +47,20 @@ extern HDBG _g_hCfgFileLibDbg;
     } while (0)
 
 namespace cfglib {
+
+// The source file, line and format of a trace call.
+struct TraceSite {
+    const char *szFile;
+    const char *szFormat;
+    int nLine;
+};
+
+// Prints a message of nLevel, from szFunction at *pSite, on the channel;
+// the arguments follow the site's format.
+void TraceAt(const TraceSite *pSite, int nLevel, const char *szFunction, ...);
+
+// Never called: lets the compiler check a message's arguments against its format.
+int CheckTraceFormat(const char *szFormat, ...) __attribute__((format(printf, 1, 2)));
 
 // Whether a message of nLevel would be printed.
 inline bool TraceOn(int nLevel) {

@@ -49,7 +49,7 @@ class LineReader {
     // with bTypeNow; else once kReadBeforeTypeCheck bytes are read (a device
     // may never end), or when a read finds more after a short one. A read
     // error other than these is the reader's failure (Failed()), not a refusal.
-    bool Start(bool bTypeNow = false) {
+    __attribute__((noinline)) bool Start(bool bTypeNow = false) {
         if (!Refill() && m_bFailed && (m_nErrno == ESPIPE || m_nErrno == EISDIR)) {
             errno = m_nErrno;
             return false;
@@ -73,23 +73,37 @@ class LineReader {
     // the next call.
     bool Next(size_t nCapacity, char **pszLine, size_t *pnLength) {
         Unterminate();
+        const size_t nMax = nCapacity - 1;
+        const void *pvNewline =
+            nCapacity < 2
+                ? nullptr
+                : memchr(m_block + m_nPos, '\n', m_nEnd - m_nPos < nMax ? m_nEnd - m_nPos : nMax);
+        if (pvNewline == nullptr)
+            return NextAcrossBlocks(nCapacity, pszLine, pnLength);
+        return HandOut(static_cast<const char *>(pvNewline) - (m_block + m_nPos) + 1, pszLine,
+                       pnLength);
+    }
+
+  private:
+    // Next for a read that the block does not hold whole with its line feed.
+    __attribute__((noinline)) bool NextAcrossBlocks(size_t nCapacity, char **pszLine,
+                                                    size_t *pnLength) {
         if (nCapacity < 2)
             return false;
         const size_t nMax = nCapacity - 1;
         for (;;) {
             const size_t nAvailable = m_nEnd - m_nPos < nMax ? m_nEnd - m_nPos : nMax;
-            char *pcStart = m_block + m_nPos;
-            const void *pvNewline = memchr(pcStart, '\n', nAvailable);
+            const void *pvNewline = memchr(m_block + m_nPos, '\n', nAvailable);
             if (pvNewline != nullptr || nAvailable == nMax)
-                return HandOut(pvNewline ? static_cast<const char *>(pvNewline) - pcStart + 1
-                                         : nMax,
+                return HandOut(pvNewline
+                                   ? static_cast<const char *>(pvNewline) - (m_block + m_nPos) + 1
+                                   : nMax,
                                pszLine, pnLength);
             if (!ReadOnAfterLine())
                 return !m_bFailed && nAvailable > 0 && HandOut(nAvailable, pszLine, pnLength);
         }
     }
 
-  private:
     // Hands out the nTake bytes at the reader's position, terminated.
     bool HandOut(size_t nTake, char **pszLine, size_t *pnLength) {
         char *pcStart = m_block + m_nPos;
@@ -115,7 +129,7 @@ class LineReader {
 
   public:
     // Reads like Next, always into szBuffer (nCapacity bytes); returns the length.
-    size_t ReadLine(char *szBuffer, size_t nCapacity) {
+    __attribute__((noinline)) size_t ReadLine(char *szBuffer, size_t nCapacity) {
         Unterminate();
         if (nCapacity < 2)
             return 0;

@@ -114,7 +114,8 @@ CFGFILE_API int CfgFile_FindLineStartingWith(const char *szFileName, const char 
     return iRetCode;
 }
 
-CFGFILE_API int CfgFile_SetGroupOwnership(const char *szFileName, gid_t GroupID) {
+__attribute__((cold)) CFGFILE_API int CfgFile_SetGroupOwnership(const char *szFileName,
+                                                                gid_t GroupID) {
     int iRetCode = CFGFILE_FAILURE;
     struct stat FileStats;
     char szBuffer[52];

@@ -162,26 +162,32 @@ double TraceArgument(float fValue) {
     return fValue;
 }
 
+// Checks the names and looks up the value text of a typed getter.
+__attribute__((noinline)) int LookUpValueText(const char *szFileName, const char *szSection,
+                                              const char *szKeyName,
+                                              char (&szBuffer)[kValueBufferSize]) {
+    size_t nSize = kValueBufferSize;
+    if (szFileName == nullptr || !IsValidString(szSection, kNameBufferSize) ||
+        !IsValidString(szKeyName, kNameBufferSize))
+        return CFGFILE_BAD_PARAMETERS;
+    return _ReadValue(szFileName, szSection, szKeyName, szBuffer, &nSize);
+}
+
 // Converts the value text; false when it is not a value of the type. The
 // default is passed for conversions that fall back on it themselves.
 template <class Value, class Converted>
 using ConvertValue = bool (*)(const char *szText, Converted *pValue, Value defaultValue);
 
-template <class Value, class Converted>
-int GetTypedValue(const char *szFunction, const GetterTexts &texts,
-                  ConvertValue<Value, Converted> pfnConvert, const char *szFileName,
-                  const char *szSection, const char *szKeyName, Value *pValue, Value defaultValue) {
-    int iRetCode = CFGFILE_BAD_PARAMETERS;
-    size_t nSize = kValueBufferSize;
+template <const GetterTexts &texts, class Value, class Converted>
+int GetTypedValue(const char *szFunction, ConvertValue<Value, Converted> pfnConvert,
+                  const char *szFileName, const char *szSection, const char *szKeyName,
+                  Value *pValue, Value defaultValue) {
     char szBuffer[kValueBufferSize];
-
     CFG_TRACE_AS(szFunction, 7, texts.szCalled, szFileName, szSection, szKeyName,
                  static_cast<void *>(pValue), TraceArgument(defaultValue));
-    if (szFileName == nullptr || !IsValidString(szSection, kNameBufferSize) ||
-        !IsValidString(szKeyName, kNameBufferSize))
+    int iRetCode = LookUpValueText(szFileName, szSection, szKeyName, szBuffer);
+    if (iRetCode == CFGFILE_BAD_PARAMETERS)
         return iRetCode;
-
-    iRetCode = _ReadValue(szFileName, szSection, szKeyName, szBuffer, &nSize);
     if (iRetCode == CFGFILE_SUCCESS) {
         Converted value{};
         if (pfnConvert(szBuffer, &value, defaultValue)) {
@@ -210,11 +216,10 @@ bool VideoArgumentsValid(const char *szFileName, const char *szSection, const ch
 template <class Code>
 int GetVideoCode(const char *szFileName, const char *szSection, const char *szKeyName,
                  Code *plValue, long lDefaultValue, long (*pfnConvert)(const char *, long)) {
-    size_t nSize = kValueBufferSize;
     char szBuffer[kValueBufferSize];
-    if (!VideoArgumentsValid(szFileName, szSection, szKeyName))
-        return CFGFILE_BAD_PARAMETERS;
-    const int iRetCode = _ReadValue(szFileName, szSection, szKeyName, szBuffer, &nSize);
+    const int iRetCode = LookUpValueText(szFileName, szSection, szKeyName, szBuffer);
+    if (iRetCode == CFGFILE_BAD_PARAMETERS)
+        return iRetCode;
     const long lValue =
         iRetCode == CFGFILE_SUCCESS ? pfnConvert(szBuffer, lDefaultValue) : lDefaultValue;
     if (plValue != nullptr)
@@ -264,8 +269,8 @@ CFGFILE_API int CfgFile_GetIntValue(const char *szFileName, const char *szSectio
     ConvertValue<int, LONG> pfnConvert = [](const char *szText, LONG *pnValue, int) {
         return StringToDecLONG(szText, pnValue) != 0;
     };
-    return GetTypedValue(__func__, kIntTexts, pfnConvert, szFileName, szSection, szKeyName, pnValue,
-                         nDefaultValue);
+    return GetTypedValue<kIntTexts>(__func__, pfnConvert, szFileName, szSection, szKeyName, pnValue,
+                                    nDefaultValue);
 }
 
 CFGFILE_API int CfgFile_GetUnsignedIntValue(const char *szFileName, const char *szSection,
@@ -275,8 +280,8 @@ CFGFILE_API int CfgFile_GetUnsignedIntValue(const char *szFileName, const char *
                                                       unsigned int) {
         return StringToDecULONG(szText, pnValue) != 0;
     };
-    return GetTypedValue(__func__, kUnsignedIntTexts, pfnConvert, szFileName, szSection, szKeyName,
-                         pnValue, nDefaultValue);
+    return GetTypedValue<kUnsignedIntTexts>(__func__, pfnConvert, szFileName, szSection, szKeyName,
+                                            pnValue, nDefaultValue);
 }
 
 CFGFILE_API int CfgFile_GetInt64Value(const char *szFileName, const char *szSection,
@@ -284,8 +289,8 @@ CFGFILE_API int CfgFile_GetInt64Value(const char *szFileName, const char *szSect
     ConvertValue<INT64, INT64> pfnConvert = [](const char *szText, INT64 *pnValue, INT64) {
         return StringToDecINT64(szText, pnValue) != 0;
     };
-    return GetTypedValue(__func__, kInt64Texts, pfnConvert, szFileName, szSection, szKeyName,
-                         pnValue, nDefaultValue);
+    return GetTypedValue<kInt64Texts>(__func__, pfnConvert, szFileName, szSection, szKeyName,
+                                      pnValue, nDefaultValue);
 }
 
 CFGFILE_API int CfgFile_GetFloatValue(const char *szFileName, const char *szSection,
@@ -293,8 +298,8 @@ CFGFILE_API int CfgFile_GetFloatValue(const char *szFileName, const char *szSect
     ConvertValue<float, float> pfnConvert = [](const char *szText, float *pfValue, float) {
         return StringToFLOAT(szText, pfValue) != 0;
     };
-    return GetTypedValue(__func__, kFloatTexts, pfnConvert, szFileName, szSection, szKeyName,
-                         pfValue, fDefaultValue);
+    return GetTypedValue<kFloatTexts>(__func__, pfnConvert, szFileName, szSection, szKeyName,
+                                      pfValue, fDefaultValue);
 }
 
 // A text that names no truth value gives the caller's default: never a bad value.
@@ -304,8 +309,8 @@ CFGFILE_API int CfgFile_GetBooleanValue(const char *szFileName, const char *szSe
         *pbValue = ConvertBooleanString(szText, bDefault);
         return true;
     };
-    return GetTypedValue(__func__, kBooleanTexts, pfnConvert, szFileName, szSection, szKeyName,
-                         pbValue, bDefaultValue);
+    return GetTypedValue<kBooleanTexts>(__func__, pfnConvert, szFileName, szSection, szKeyName,
+                                        pbValue, bDefaultValue);
 }
 
 CFGFILE_API int CfgFile_GetVideoFormatValue(const char *szFileName, const char *szSection,

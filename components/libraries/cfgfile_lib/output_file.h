@@ -119,7 +119,7 @@ class OutputFile {
 };
 
 // Makes the renames in the directory of szPath durable.
-inline bool SyncDirectoryOf(const char *szPath) {
+__attribute__((noinline)) inline bool SyncDirectoryOf(const char *szPath) {
     char szDirectory[kPathBufferSize];
     CopyString(szDirectory, szPath, sizeof(szDirectory));
     char *pcSlash = strrchr(szDirectory, '/');

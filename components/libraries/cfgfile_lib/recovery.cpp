@@ -21,7 +21,7 @@ constexpr char kRecoverFile[] = "CfgFile_RecoverFile";
 
 // Moves the backup back to the missing file's name, under the exclusion of
 // changes, so that a change in the middle of its swap is never undone.
-int RestoreBackup(RewriteNames &names) {
+__attribute__((cold)) int RestoreBackup(RewriteNames &names) {
     char szBackupFileName[kPathBufferSize];
     BackupName(names, szBackupFileName);
     LockedTemp temp;
@@ -55,7 +55,7 @@ using namespace cfglib;
 
 extern "C" {
 
-CFGFILE_API int CfgFile_RecoverFile(const char *szFileName) {
+__attribute__((cold)) CFGFILE_API int CfgFile_RecoverFile(const char *szFileName) {
     CFG_TRACE(7, "Called, file=\"%s\".\n", szFileName);
     RewriteNames names;
     const int iRetCode = PrepareRewrite(kRecoverFile, szFileName, names);

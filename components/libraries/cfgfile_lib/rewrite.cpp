@@ -35,7 +35,7 @@ int PrepareRewrite(const char *szFunction, const char *szFileName, RewriteNames 
     return CFGFILE_SUCCESS;
 }
 
-LinkEnd FollowLinks(const char *szPath, char (&szTarget)[kPathBufferSize]) {
+__attribute__((cold)) LinkEnd FollowLinks(const char *szPath, char (&szTarget)[kPathBufferSize]) {
     constexpr int kMaxLinkHops = 40; // as the kernel's limit
     if (CopyString(szTarget, szPath, sizeof(szTarget)) == 0)
         return LinkEnd::TooLong;

@@ -124,9 +124,9 @@ class ValueWriter {
 // the temporary name first, so that no reader ever finds it half written.
 // Only a missing file is created; an existing file that merely cannot be
 // read is left alone.
-__attribute__((noinline)) int CreateNewFile(const RewriteNames &names, LockedTemp &temp,
-                                            int nOpenErrno, const char *szSection,
-                                            const char *szKeyName, const char *szValue) {
+__attribute__((noinline, cold)) int CreateNewFile(const RewriteNames &names, LockedTemp &temp,
+                                                  int nOpenErrno, const char *szSection,
+                                                  const char *szKeyName, const char *szValue) {
     const char *szFileName = names.szTarget;
     if (nOpenErrno != ENOENT || !temp.Held()) {
         const int nErr = nOpenErrno != ENOENT ? nOpenErrno : temp.Errno();

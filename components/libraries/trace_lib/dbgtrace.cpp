@@ -414,6 +414,15 @@ int _DoDbgInit(const char *szChannel, HDBG *phDbg) {
 
 int _DoDbgPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szFile, int nLine,
                   const char *szFormat, ...) {
+    va_list args;
+    va_start(args, szFormat);
+    const int nLength = _DoDbgVPrintEx(hDbg, nLevel, szFunction, szFile, nLine, szFormat, args);
+    va_end(args);
+    return nLength;
+}
+
+int _DoDbgVPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szFile, int nLine,
+                   const char *szFormat, va_list args) {
     if (hDbg == nullptr || nLevel > LoadLevel(hDbg) || szFormat == nullptr)
         return 0;
     const Channel *pChannel = ChannelFromHandle(hDbg);
@@ -422,10 +431,7 @@ int _DoDbgPrintEx(HDBG hDbg, int nLevel, const char *szFunction, const char *szF
     // A trace call between a failing call and the caller's look at errno must
     // not change what the caller sees.
     int nSavedErrno = errno;
-    va_list args;
-    va_start(args, szFormat);
     int nLength = PrintMessage(pChannel, nLevel, szFunction, szFile, nLine, szFormat, args);
-    va_end(args);
     errno = nSavedErrno;
     return nLength;
 }
