@@ -112,7 +112,7 @@ class LineReader {
         m_block[m_nPos] = '\0';
         m_bTerminated = true;
         m_bAtLineStart = pcStart[nTake - 1] == '\n';
-        Remember(pcStart, nTake, true);
+        Remember(pcStart, nTake);
         *pszLine = pcStart;
         *pnLength = nTake;
         return true;
@@ -154,7 +154,7 @@ class LineReader {
         }
         szBuffer[nLength] = '\0';
         m_bAtLineStart = nLength == 0 || szBuffer[nLength - 1] == '\n';
-        Remember(szBuffer, nLength, false);
+        Remember(szBuffer, nLength);
         return nLength;
     }
 
@@ -240,7 +240,6 @@ class LineReader {
     // Whether a read found out that this is no regular file: the file is
     // then treated as one that cannot be opened.
     bool Refused() const { return m_bRefused; }
-    bool LastInBlock() const { return m_bLastInBlock; }
 
     // Calls pfnHook(pContext) before the block is read over, so that a writer
     // still holding text of the block can write it out first.
@@ -250,10 +249,9 @@ class LineReader {
     }
 
   private:
-    void Remember(const char *pcText, size_t nLength, bool bInBlock) {
+    void Remember(const char *pcText, size_t nLength) {
         m_pcLast = pcText;
         m_nLastLength = nLength;
-        m_bLastInBlock = bInBlock;
     }
 
     // The block holds one byte more than is read into it: room for the NUL
@@ -398,7 +396,6 @@ class LineReader {
     char m_cTerminated = 0;
     const char *m_pcLast = nullptr;
     size_t m_nLastLength = 0;
-    bool m_bLastInBlock = false;
     void (*m_pfnRefillHook)(void *) = nullptr;
     void *m_pRefillContext = nullptr;
 };

@@ -113,6 +113,14 @@ namespace {
 // Passes the lines that the operation need not look at straight on, in runs
 // of the reader's block: copied, or left out. After the change, the tail
 // passes whole. False when a write failed.
+// Copies a read unchanged: it joins the run of copied text before it, written
+// out in one go (before the block is read over, or before anything else is
+// written).
+bool CopyRead(OutputFile &tmp, const char *szLine, size_t nLength) {
+    tmp.CopyPending(szLine, nLength);
+    return !tmp.Failed();
+}
+
 bool PassLines(LineReader &reader, OutputFile &tmp, const RewriteSteps &op) {
     for (;;) {
         if (op.InTail())
@@ -158,7 +166,7 @@ int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &
         bInsideLine = !bHasNewline;
 
         if (op.InTail()) {
-            if (!CopyRead(reader, tmp, szLine, nLength)) {
+            if (!CopyRead(tmp, szLine, nLength)) {
                 CFG_TRACE_AS(szFunction, 7, "Unable to write \"%s\" to tmp file \"%s\".\n", szLine,
                              names.szTmpFileName);
                 return CFGFILE_FAILURE;
@@ -169,7 +177,7 @@ int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &
             bLastPiece || reader.LastHoldsNul() ? Verdict::Copy : op.Classify(line, tmp);
         switch (verdict) {
         case Verdict::Copy:
-            if (!CopyRead(reader, tmp, szLine, nLength))
+            if (!CopyRead(tmp, szLine, nLength))
                 return CFGFILE_FAILURE;
             break;
         case Verdict::LeaveOut:

@@ -77,17 +77,6 @@ LinkEnd FollowLinks(const char *szPath, char (&szTarget)[kPathBufferSize]);
 // rest of the file, by the kernel where it can. False when a write failed.
 bool CopyTail(LineReader &reader, OutputFile &tmp);
 
-// Copies a read unchanged. A read handed out in the reader's block joins the
-// run of copied text before it, written out in one go (before the block is
-// read over, or before anything else is written).
-inline bool CopyRead(const LineReader &reader, OutputFile &tmp, const char *szLine,
-                     size_t nLength) {
-    if (!reader.LastInBlock())
-        return tmp.Write(szLine, nLength);
-    tmp.CopyPending(szLine, nLength);
-    return !tmp.Failed();
-}
-
 // What a rewrite calls back of its operation: its line capacity (the
 // line buffer of N bytes it reads lines of up to N - 1 bytes with), which
 // lines it need not look at, its decision for each line it looks at, the
