@@ -227,44 +227,6 @@ CFGFILE_API int CfgFile_SetGroupOwnership(const char *szFileName, gid_t GroupID)
  *                           end within the wait for it. */
 CFGFILE_API int CfgFile_RecoverFile(const char *szFileName);
 
-/* One change of CfgFile_ApplyChanges: sets key szKeyName of section
- * szSection to szValue, as CfgFile_SetStringValue does, or, with szValue
- * NULL, removes the key, as CfgFile_DeleteKey does. */
-typedef struct {
-    const char *szSection;
-    const char *szKeyName;
-    const char *szValue; /* the new value; NULL removes the key */
-} CFGFILE_CHANGE;
-
-/* The most changes one CfgFile_ApplyChanges takes. */
-#define CFGFILE_MAX_CHANGES 1024
-
-/* Makes nChanges changes of one file in one safe rewrite: the file afterwards
- * holds, byte for byte, what CfgFile_SetStringValue for each change with a
- * value and CfgFile_DeleteKey for each change without one, called in array
- * order, would leave; but it is replaced once (one temporary file, one swap,
- * one pair of fsyncs), so after a failure or a crash it holds all of the
- * changes or none. The changes are worked out one after another in memory
- * files (memfd) as large as the file; the stack needed does not grow with
- * nChanges. When the result equals the file byte for byte, the file is left
- * as it is (no rewrite). A missing file is created by the first change that
- * sets a value; changes that only remove keys leave a missing file missing.
- * Results:
- *   CFGFILE_SUCCESS         every change is made (also for nChanges 0, when
- *                           nothing is touched).
- *   CFGFILE_BAD_PARAMETERS  nothing touched: szFileName NULL or longer than
- *                           246 characters (or a link whose target is),
- *                           pChanges NULL with nChanges > 0, nChanges over
- *                           CFGFILE_MAX_CHANGES, a NULL or empty section or
- *                           key name, or a name or value holding CR or LF.
- *   CFGFILE_FILE_ACCESS     the file exists but cannot be read, or is missing
- *                           and may not be created (permission denied).
- *   CFGFILE_FAILURE         any other failure (memory file, temporary file,
- *                           write, sync, rename, the wait for another change);
- *                           the old file stays byte for byte. */
-CFGFILE_API int CfgFile_ApplyChanges(const char *szFileName, const CFGFILE_CHANGE *pChanges,
-                                     size_t nChanges);
-
 /* ------------------------------------------------------------ maintenance */
 
 /* Lists the section names that begin with szSectionPrefix (any letter case;
@@ -278,21 +240,6 @@ CFGFILE_API int CfgFile_ApplyChanges(const char *szFileName, const CFGFILE_CHANG
  * szSectionPrefix, pnSize and pnCount must not be NULL. */
 CFGFILE_API int CfgFile_EnumerateSections(const char *szFileName, const char *szSectionPrefix,
                                           char *szBuffer, size_t *pnSize, unsigned int *pnCount);
-
-/* Lists the keys of section szSection as the getters see them: the first
- * section of that name (any letter case), each key that a getter would find
- * there once, trimmed, as first written, in file order. Laid out and measured
- * as CfgFile_EnumerateSections lays out section names: consecutive
- * NUL-terminated strings in szBuffer; *pnSize: in, its capacity (read only
- * when szBuffer is not NULL), out, the bytes the whole list needs; *pnCount:
- * the names copied; names that do not fit are not copied; a NULL szBuffer
- * only measures. Results: CFGFILE_SUCCESS; CFGFILE_SECTION_NOT_FOUND when no
- * section line names szSection; CFGFILE_FILE_ACCESS when the file cannot be
- * opened (then *pnSize and *pnCount are 0 as well); CFGFILE_BAD_PARAMETERS
- * when an argument is NULL or szSection is not a valid name (1 to 79
- * characters). */
-CFGFILE_API int CfgFile_EnumerateKeys(const char *szFileName, const char *szSection,
-                                      char *szBuffer, size_t *pnSize, unsigned int *pnCount);
 
 /* Removes whole sections: the section line and every line up to the next
  * line beginning with '['. szSectionPrefix is a whole name, or a prefix
