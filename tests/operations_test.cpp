@@ -3,6 +3,7 @@
 // case runs twice, with the trace silent (lines that cannot matter pass
 // unread) and at level 9 (every line read), and both must agree; generated
 // files put the two ways to the same test at block edges.
+#include <algorithm>
 #include <cstring>
 #include <random>
 
@@ -126,7 +127,7 @@ const std::string kLong1300 = std::string(1199, 'x') + std::string(98, ' ') + "k
 
 const Case kCases[] = {
     // Lookups: names trimmed and caseless; a tab is text; values untrimmed inside.
-    {'G', "[Net]\nMode = fast\n", "net|mode", "0:fast"},
+    {'G', "[Net]\nMode = fast  \n", "net|mode", "0:fast"},
     {'G', "  [ net ]  \nk=v1\n", "net|k", "0:v1"},
     {'G', "\t[net]\nk=v1\n", "net|k", "2:dflt"},
     {'G', "[net] # main\nk=v1\n", "net|k", "0:v1"},

@@ -45,21 +45,22 @@ TEST_P(RewriteSafety, MissingFileAndNameLength) {
     EXPECT_FALSE(Exists(name246 + "n"));
 }
 
-// Leftovers of an earlier rewrite are removed, never followed: the temporary
-// name holds a link to a file that must survive.
+// The permission bits and the owner are carried over, set-user-ID and
+// set-group-ID not. Leftovers of an earlier rewrite are removed, never
+// followed: the temporary name holds a link to a file that must survive.
 TEST_P(RewriteSafety, ModeAndOwnerCarriedOverAndLeftoversRemoved) {
     const std::string victim = dir / "victim";
     WriteFile(victim, "precious\n");
-    for (const mode_t nMode : {0640, 0600}) {
+    for (const mode_t nMode : {0640, 06755}) {
         WriteFile(file, kInput);
         WriteFile(bak, "[old]\nbackup=1\n");
         ASSERT_EQ(0, symlink(victim.c_str(), tmp.c_str()));
-        ASSERT_EQ(0, chmod(file.c_str(), nMode));
         ASSERT_EQ(0, chown(file.c_str(), 1234, 5678));
+        ASSERT_EQ(0, chmod(file.c_str(), nMode));
         ASSERT_EQ(CFGFILE_SUCCESS, Run());
         EXPECT_EQ(GetParam().after, ReadFile(file));
         const struct stat st = StatOf(file);
-        EXPECT_EQ(std::tuple(nMode, 1234u, 5678u),
+        EXPECT_EQ(std::tuple(nMode & 0777, 1234u, 5678u),
                   std::tuple(st.st_mode & 07777, st.st_uid, st.st_gid));
         EXPECT_FALSE(Exists(tmp) || Exists(bak));
     }

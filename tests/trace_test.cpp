@@ -7,10 +7,7 @@
 #include "dbgtrace.h"
 #include "test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
-#include <string>
 #include <tuple>
 
 namespace {
