@@ -22,7 +22,7 @@ std::vector<std::string> Split(const std::string &args) {
     return parts;
 }
 
-// Runs op on file with args: G get (section|key), F find (prefix|capacity),
+// Runs op on file with args: G get (section|key|capacity), F find (prefix|capacity),
 // E list sections (prefix), S set (section|key|value), D delete sections
 // (prefix), K delete key (section|key), A delete a section's keys, C comment
 // out and L delete the line with a prefix. Reads give "result:output", with
@@ -30,13 +30,18 @@ std::vector<std::string> Split(const std::string &args) {
 std::string Apply(char op, const std::string &file, const std::string &args) {
     const std::vector<std::string> a = Split(args + "||");
     const char *f = file.c_str(), *a0 = a[0].c_str(), *a1 = a[1].c_str(), *a2 = a[2].c_str();
-    char szText[256];
-    size_t nSize = sizeof(szText);
+    size_t nSize;
     int iResult;
     if (op == 'G') {
-        iResult = CfgFile_GetStringValue(f, a0, a1, szText, &nSize, "dflt");
-        EXPECT_EQ(strlen(szText) + 1, nSize); // the size tells the whole length
-        return std::to_string(iResult) + ":" + szText;
+        // The value, or the default, cut to the buffer; the size tells its
+        // whole length, shown when the value is cut.
+        std::string buffer(a[2].empty() ? 256 : std::stoul(a[2]) + 1, '~');
+        nSize = buffer.size() - 1;
+        iResult = CfgFile_GetStringValue(f, a0, a1, buffer.data(), &nSize, "dflt");
+        EXPECT_EQ('~', buffer.back());
+        const std::string value = buffer.c_str();
+        return std::to_string(iResult) + ":" + value +
+               (nSize == value.size() + 1 ? "" : "/" + std::to_string(nSize));
     }
     if (op == 'F') {
         const size_t nCapacity = a[1].empty() ? 64 : std::stoul(a[1]);
@@ -153,6 +158,9 @@ const Case kCases[] = {
     {'G', "[a]\n" + std::string(1199, 'x') + "k=tail\n", "a|k", "0:tail"},
     {'G', "[a]\nk=1\0x\nk=2\n"s, "a|k", "0:2"},
     {'G', "", "a|k", "2:dflt"},
+    {'G', "[a]\nk=" + std::string(300, 'v'), "a|k|256", "0:" + std::string(255, 'v') + "/301"},
+    {'G', "[a]\nm=" + std::string(40, 'w'), "a|m|16", "0:" + std::string(15, 'w') + "/41"},
+    {'G', "[a]\n", "a|x|4", "3:dfl/5"},
     // Finding: the first whole line, spaces before the prefix skipped but
     // kept, that fits the buffer less two bytes and holds no NUL.
     {'F', "[a]\n   port=80 \r\n", "port", "0:   port=80 \r"},
