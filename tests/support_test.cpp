@@ -97,12 +97,13 @@ TEST(SuffixTest, CompanionNamesDifferFromThePathAndEachOther) {
     }
 }
 
-// The owner is carried over too: see the rewrite tests.
+// Only the permission bits: one who may not give the copy the file's owner
+// must not give it a set-ID bit either.
 TEST(FileModeTest, CopiesPermissionBitsButNoSpecialBits) {
     cfgtest::ScratchDir dir;
     cfgtest::WriteFile(dir / "device.ini", "");
     FILE *pCopy = fopen((dir / "device.tmp").c_str(), "w");
-    for (mode_t nMode : {0640, 0400, 04755, 03777}) {
+    for (mode_t nMode : {0640, 07777}) {
         ASSERT_EQ(0, chmod((dir / "device.ini").c_str(), nMode));
         EXPECT_EQ(1, CopyFilePermissions((dir / "device.ini").c_str(), pCopy));
         EXPECT_EQ(nMode & 0777, cfgtest::StatOf(dir / "device.tmp").st_mode & 07777) << nMode;

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -90,15 +89,13 @@ class TraceCapture {
     }
     const std::vector<TraceMessage> &Messages() const { return m_messages; }
 
-    // The texts of the messages of one level (all levels: 0), in order.
-    std::vector<std::string> Texts(int nLevel = 0) const {
+    // The texts of the messages, in order.
+    std::vector<std::string> Texts() const {
         std::vector<std::string> texts;
         for (const TraceMessage &message : m_messages)
-            if (nLevel == 0 || message.nLevel == nLevel)
-                texts.push_back(message.text);
+            texts.push_back(message.text);
         return texts;
     }
-    bool Contains(const std::string &text) const { return std::ranges::count(Texts(), text) > 0; }
 
   private:
     static void Receive(void *pContext, const char *, int nLevel, const char *szFunction,

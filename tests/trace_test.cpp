@@ -8,13 +8,10 @@
 #include "dbgtrace.h"
 #include "test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <string>
 #include <tuple>
 #include <vector>
 
