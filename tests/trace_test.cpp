@@ -1,5 +1,6 @@
-// trace_test.cpp - trace channels: levels, environment settings, output, stack use,
-// assertions.
+// trace_test.cpp - trace channels: levels, environment settings, output,
+// assertions. (The stack a message needs is measured with the library's
+// operations, in footprint_test.cpp.)
 //
 // The channel table is shared by all tests of the process and never shrinks,
 // so every test uses channel names of its own; the test that fills the table
@@ -8,14 +9,11 @@
 #include "dbgtrace.h"
 #include "test_support.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <tuple>
-#include <vector>
 
-#include <pthread.h>
 
 namespace {
 
@@ -106,44 +104,6 @@ TEST(TraceOutput, CallbackThenStderr) {
         EXPECT_EQ(EXDEV, errno);
         EXPECT_EQ(sExpected, testing::internal::GetCapturedStderr()) << nLine;
     }
-}
-
-// Bytes of stack below the caller that one call touches, found by running it on
-// a thread whose stack is filled with a pattern.
-size_t StackUse(void (*pfnCall)()) {
-    static std::vector<unsigned char> stack(256 * 1024);
-    std::fill(stack.begin(), stack.end(), 0xA5);
-    auto thread = [](void *pCall) -> void * {
-        auto *pcTop = static_cast<unsigned char *>(__builtin_frame_address(0));
-        reinterpret_cast<void (*)()>(pCall)();
-        size_t nUntouched = 0;
-        while (stack[nUntouched] == 0xA5)
-            nUntouched++;
-        return reinterpret_cast<void *>(pcTop - (stack.data() + nUntouched));
-    };
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstack(&attr, stack.data(), stack.size());
-    pthread_t hThread;
-    void *pUse = nullptr;
-    if (pthread_create(&hThread, &attr, thread, reinterpret_cast<void *>(pfnCall)) == 0)
-        pthread_join(hThread, &pUse);
-    return reinterpret_cast<size_t>(pUse);
-}
-
-TEST(TraceStack, MessageFitsTheCallersBudget) {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "instrumented frames";
-#endif
-    static HDBG hDbg = (DbgSetChannelLevel("stack", 8), OpenChannel("stack"));
-    static const std::string sLine(1199, 'v');
-    auto printed = [] { _DoDbgPrintEx(hDbg, 8, "Fn", "f.c", 1, "%d %s\n", 7, sLine.c_str()); };
-    testing::internal::CaptureStderr();
-    printed(); // binds the C library's functions before the measurement
-    // The text buffer and the C library's formatter (about 2 KiB by itself).
-    EXPECT_LT(StackUse(printed), 4608u);
-    EXPECT_LT(StackUse([] { _DoDbgPrintEx(hDbg, 9, "Fn", "f.c", 1, "%d", 7); }), 512u);
-    testing::internal::GetCapturedStderr();
 }
 
 TEST(TraceChannel, NamesAndTableLimit) {
