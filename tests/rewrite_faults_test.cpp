@@ -62,51 +62,30 @@ TEST_P(RewriteFaults, FailedOrKilledCallLeavesWholeFile) {
            2 * nCalls, nFailures, nUnopened);
 
     // Killed after any call: the name always holds the whole old or new file.
-    for (int k = 1; k <= nCalls; ++k) {
-        SCOPED_TRACE("killed after call " + std::to_string(k));
-        fnRestore();
-        EXPECT_EQ(-SIGKILL, InChild(false, [&] {
-            CfgFileSeam_Arm(k, 0);
-            return Run();
-        }));
-        const std::string content = ReadFile(file);
-        const bool bWhole = content == kInput || content == op.after;
-        EXPECT_TRUE(bWhole) << content;
-        nWhole += bWhole;
+    // Where the file system gives no second name (vfat), the old file is
+    // moved to the backup name instead: one crash point lies between the two
+    // renames, and CfgFile_RecoverFile puts the backup back.
+    for (const bool bRefuseLinks : {false, true}) {
+        int nRecovered = 0;
+        for (int k = 1; k <= nCalls; ++k) {
+            SCOPED_TRACE("killed after call " + std::to_string(k));
+            fnRestore();
+            EXPECT_EQ(-SIGKILL, InChild(false, [&] {
+                CfgFileSeam_RefuseLinks(bRefuseLinks);
+                CfgFileSeam_Arm(k, 0);
+                return Run();
+            }));
+            nRecovered += !Exists(file);
+            ASSERT_EQ(CFGFILE_SUCCESS, CfgFile_RecoverFile(file.c_str()));
+            const std::string content = ReadFile(file);
+            const bool bWhole = content == kInput || content == op.after;
+            EXPECT_TRUE(bWhole) << content;
+            nWhole += bWhole;
+        }
+        EXPECT_EQ(bRefuseLinks ? 1 : 0, nRecovered);
     }
-    printf("[ CRASHES  ] %s: %d crash points, name whole at %d\n", op.name, nCalls, nWhole);
-}
-
-// Where the file system gives no second name (vfat), the old file is moved
-// to the backup name: a crash between the two renames leaves it there, and
-// CfgFile_RecoverFile puts it back.
-TEST_P(RewriteFaults, WithoutHardLinksRecoveryRestoresAWholeFile) {
-    const Rewrite &op = GetParam();
-    CfgFileSeam_RefuseLinks(1);
-    WriteFile(file, kInput);
-    CfgFileSeam_Arm(0, 0);
-    ASSERT_EQ(CFGFILE_SUCCESS, Run());
-    EXPECT_EQ(op.after, ReadFile(file));
-    EXPECT_FALSE(Exists(tmp) || Exists(bak));
-    const int nCalls = CfgFileSeam_Calls();
-    int nRecovered = 0;
-    for (int k = 1; k <= nCalls; ++k) {
-        SCOPED_TRACE("killed after call " + std::to_string(k));
-        unlink(tmp.c_str());
-        unlink(bak.c_str());
-        WriteFile(file, kInput);
-        EXPECT_EQ(-SIGKILL, InChild(false, [&] {
-            CfgFileSeam_Arm(k, 0);
-            return Run();
-        }));
-        CfgFileSeam_Arm(0, 0);
-        nRecovered += !Exists(file);
-        ASSERT_EQ(CFGFILE_SUCCESS, CfgFile_RecoverFile(file.c_str()));
-        const std::string content = ReadFile(file);
-        EXPECT_TRUE(content == kInput || content == op.after) << content;
-    }
-    CfgFileSeam_RefuseLinks(0);
-    EXPECT_EQ(1, nRecovered) << "one crash point lies between the two renames";
+    printf("[ CRASHES  ] %s: %d crash points with links, %d without; whole at %d\n", op.name,
+           nCalls, nCalls, nWhole);
 }
 
 // A temporary file that no change holds (its process died) is taken over;
