@@ -202,6 +202,76 @@ if [ "$lock_status" -eq 0 ]; then pass; else fail "--lock set exited $lock_statu
 for i in 1 2 3 4 5 6 7 8; do check 0 "$i" get "$f" Lock "Key$i" --type int; done
 if [ -f "$f.lock" ]; then pass; else fail "no lock file $f.lock"; fi
 
+# ------------------------------------------------- apply, several sets
+a=$dir/apply.ini
+cp "$example" "$a"
+cat >"$dir/script" <<'END'
+# quoted as in sh; VALUE is one word
+set Device Name 'Hall camera'   # a comment after the change
+set Device Location "Gate \"B\", \$HOME \\ \q"
+  set  Video  Title  a\ b=c\'d
+set Overlay Empty ''
+del-key Video Codec
+set Hostile cmd '$(touch X)'
+set Hostile tick '`touch X`'
+set Hostile semi 'a; touch X'
+set Hostile quote "it's \"q\" \\ \$HOME"
+set Hostile 9-lives.x 9
+set Hostile a.b first
+set Hostile a-b second
+END
+check 0 "" apply "$a" -f "$dir/script"
+check 0 "Hall camera" get "$a" Device Name
+check 0 'Gate "B", $HOME \ \q' get "$a" Device Location
+check 0 "a b=c'd" get "$a" Video Title
+check 0 "" get "$a" Overlay Empty
+check 3 "" get "$a" Video Codec
+printf 'set Device Name "From stdin"\n' >"$dir/stdin"
+check 0 "" apply "$a" <"$dir/stdin"
+check 0 "From stdin" get "$a" Device Name
+
+# A bad line anywhere leaves the file byte for byte as it was.
+cp "$a" "$dir/before.ini"
+printf '%s\n' 'set Device Name ok' '' 'set Device Name two words' 'frob A B' "set A B 'open" \
+    'del-key "" K' >"$dir/bad"
+check 1 "" apply "$a" <"$dir/bad"
+check_stderr "cfgfile: apply: line 3: set takes SECTION KEY VALUE"
+check_stderr "line 4: unknown verb 'frob'"
+check_stderr "line 5: unterminated single quote"
+check_stderr "line 6: empty section or key name"
+seq 0 1024 | sed 's/.*/set Many K& &/' >"$dir/many"
+check 1 "" apply "$a" -f "$dir/many"
+check_stderr "line 1025: more than 1024 changes"
+check 5 "" apply "$a" -f "$dir/no-script"
+check 1 "" set "$a" Device Name x Video Bitrate 1.5 --type int
+check 64 "" set "$a" Device Name x Video Bitrate
+check_same "$a" "$dir/before.ini"
+
+# Typed values set together are written as a typed set of each writes them.
+cp "$a" "$dir/one.ini"
+run_tool set "$dir/one.ini" Video Contrast 0.125 --type float --precision 2
+run_tool set "$dir/one.ini" New Gain -1e3 --type float --precision 2
+check 0 "" set "$a" Video Contrast 0.125 New Gain -1e3 --type float --precision 2
+check_same "$a" "$dir/one.ini"
+
+# ------------------------------------------------------------ keys, show
+check 0 "Enabled${nl}Codec${nl}SampleRate${nl}Channels${nl}Gain" keys "$a" audio
+check 2 "" keys "$a" Nothing
+check 5 "" keys "$dir/missing.ini" Device
+check 0 "Start=07:00${nl}Stop=19:00" show "$a" Schedule.Weekday
+check 0 "Start='07:00'${nl}Stop='19:00'" show "$a" Schedule.Weekday --format sh
+sh_out=$(run_tool show "$a" Hostile --format sh 2>"$err")
+check_stderr "key 'a-b' left out: a_b is key 'a.b'"
+# shellcheck disable=SC2154 # the variables come from the eval
+if (cd "$dir" && eval "$sh_out" && [ "$cmd" = '$(touch X)' ] && [ "$tick" = '`touch X`' ] &&
+    [ "$semi" = 'a; touch X' ] && [ "$quote" = "it's \"q\" \\ \$HOME" ] &&
+    [ "$_9_lives_x" = 9 ] && [ "$a_b" = first ]) && [ ! -e "$dir/X" ]; then
+    pass
+else
+    fail "show --format sh: $sh_out"
+fi
+check 64 "" show "$a" Hostile --format csv
+
 # ---------------------------------------------------------- command line
 check 64 "" get "$f" Device
 check 64 "" get "$f" Device Name --frob
@@ -210,7 +280,7 @@ check 64 "" frob "$f"
 check 64 ""
 check 64 "" -v loud get "$f" Device Name
 # Help goes to stdout with status 0, whichever way it is asked for.
-for ask in "--help" "help get" "get --help" "del-line -h"; do
+for ask in "--help" "help get" "get --help" "del-line -h" "help apply"; do
     status=0
     # shellcheck disable=SC2086 # split into words
     run_tool $ask >"$dir/help" || status=$?

@@ -18,7 +18,16 @@ namespace cfgtool {
 namespace {
 
 // Options a command takes, besides --help.
-enum : unsigned { kOptType = 1u, kOptDefault = 2u, kOptPrecision = 4u };
+enum : unsigned {
+    kOptType = 1u,
+    kOptDefault = 2u,
+    kOptPrecision = 4u,
+    kOptFormat = 8u,
+    kOptScript = 16u // -f
+};
+
+// "set" takes any number of SECTION KEY VALUE triples.
+constexpr size_t kManyArgs = static_cast<size_t>(-1);
 
 struct Command {
     const char *szName;
@@ -44,14 +53,31 @@ const Command kCommands[] = {
      "A number that does not parse fails with 4 (CFGFILE_BAD_VALUE), --default\n"
      "or not; so does an unknown bool or video name without --default.\n",
      3, 3, kOptType | kOptDefault, false, RunGet},
-    {"set", "FILE SECTION KEY VALUE [--type TYPE] [--precision N]",
+    {"set", "FILE SECTION KEY VALUE [SECTION KEY VALUE]... [--type TYPE] [--precision N]",
      "Sets KEY in SECTION to VALUE, adding the key, the section or the file.\n"
-     "  --type TYPE      string (default), int, uint, int64, float or bool\n"
+     "Several triples are set in one rewrite: all of them or, on a failure, none.\n"
+     "  --type TYPE      string (default), int, uint, int64, float or bool;\n"
+     "                   applies to every VALUE\n"
      "  --precision N    decimals written for a float (default 6)\n"
      "A VALUE that is not of the type fails with 1 and leaves the file alone.\n"
      "Bools are yes/no, true/false, on/off or 1/0 and are written as Yes or No.\n"
      "Put '--' before a VALUE that begins with '--'.\n",
-     4, 4, kOptType | kOptPrecision, true, RunSet},
+     4, kManyArgs, kOptType | kOptPrecision, true, RunSet},
+    {"apply", "FILE [-f SCRIPT]",
+     "Makes the changes read from SCRIPT, or from standard input, in one rewrite:\n"
+     "all of them or, on any failure, none. One change a line:\n"
+     "  set SECTION KEY VALUE\n"
+     "  del-key SECTION KEY\n"
+     "Words are separated by blanks and quoted as in sh, with no expansion:\n"
+     "  '...'   everything literally, up to the next '\n"
+     "  \"...\"   literally, except that \\\" \\\\ \\$ and \\` stand for \" \\ $ and `\n"
+     "  \\c      outside quotes: the character c\n"
+     "VALUE is exactly one word: quote a value with blanks ('Lobby camera').\n"
+     "Blank lines are skipped; so is the rest of a line from a word beginning\n"
+     "with an unquoted #. A line that cannot be read (unknown verb, wrong number\n"
+     "of words, unterminated quote, empty section or key) is reported with its\n"
+     "number, and the file is left as it is: exit status 1. At most 1024 changes.\n",
+     1, 1, kOptScript, true, RunApply},
     {"del-key", "FILE SECTION KEY",
      "Removes the first line of KEY in the first SECTION that holds it.\n"
      "A missing file, section or key is not an error.\n",
@@ -63,6 +89,21 @@ const Command kCommands[] = {
      "Removes whole sections: the section NAME, or every section whose name\n"
      "begins with PREFIX. Quote the '*' from the shell.\n",
      2, 2, 0, true, RunDeleteSections},
+    {"keys", "FILE SECTION",
+     "Prints the keys of SECTION, one a line, in file order and as first written.\n"
+     "A missing SECTION fails with 2.\n",
+     2, 2, 0, false, RunKeys},
+    {"show", "FILE SECTION [--format lines|sh]",
+     "Prints the keys of SECTION with their values.\n"
+     "  --format lines   KEY=VALUE lines (the default)\n"
+     "  --format sh      NAME='VALUE' lines that sh can eval: NAME is KEY with each\n"
+     "                   character other than A-Z a-z 0-9 _ made '_', and '_' put\n"
+     "                   before a leading digit; ' in VALUE is written '\\''. When\n"
+     "                   two keys give one NAME, the first is printed and the\n"
+     "                   later ones are left out with a warning on stderr.\n"
+     "The names are the file's: a key named PATH sets PATH. Eval the output of\n"
+     "a file you do not trust in a subshell.\n",
+     2, 2, kOptFormat, false, RunShow},
     {"sections", "FILE [PREFIX]",
      "Prints the names of the sections, or of those beginning with PREFIX,\n"
      "one a line, in file order and as written.\n",
@@ -93,10 +134,13 @@ const char kMainHelp[] =
     "\n"
     "Commands:\n"
     "  get FILE SECTION KEY            print a value\n"
-    "  set FILE SECTION KEY VALUE      set a value\n"
+    "  set FILE SECTION KEY VALUE...   set values, in one rewrite\n"
+    "  apply FILE [-f SCRIPT]          make the changes of a script, all or none\n"
     "  del-key FILE SECTION KEY        remove a key\n"
     "  clear-section FILE SECTION      remove the keys of a section\n"
     "  del-sections FILE NAME|PREFIX*  remove whole sections\n"
+    "  keys FILE SECTION               list the keys of a section\n"
+    "  show FILE SECTION [--format F]  print a section's keys and values\n"
     "  sections FILE [PREFIX]          list section names\n"
     "  find-line FILE PREFIX           print the first line beginning with PREFIX\n"
     "  comment-line FILE PREFIX        comment that line out\n"
@@ -154,18 +198,25 @@ const char **OptionSlot(const Command &command, std::string_view svName, Argumen
         return &args.szDefault;
     if (svName == "--precision" && (command.fOptions & kOptPrecision) != 0)
         return &args.szPrecision;
+    if (svName == "--format" && (command.fOptions & kOptFormat) != 0)
+        return &args.szFormat;
+    if (svName == "-f" && (command.fOptions & kOptScript) != 0)
+        return &args.szScript;
     return nullptr;
 }
 
 // Splits the words after the command's name into options and positional
 // arguments. Options may stand anywhere, as "--name VALUE" or "--name=VALUE";
-// a word beginning with a single '-' ("-5") is positional. Returns -1 when the
+// a word beginning with a single '-' ("-5") is positional, except "-f SCRIPT"
+// of apply. Returns -1 when the
 // words are usable, otherwise the exit status (0 after --help).
 int ParseCommandLine(const Command &command, int argc, char **argv, Arguments &args) {
     bool bOptionsEnded = false;
     for (int iArg = 0; iArg < argc; ++iArg) {
         const char *szWord = argv[iArg];
-        if (bOptionsEnded || strncmp(szWord, "--", 2) != 0) {
+        const bool bScript =
+            !bOptionsEnded && strcmp(szWord, "-f") == 0 && (command.fOptions & kOptScript) != 0;
+        if (!bScript && (bOptionsEnded || strncmp(szWord, "--", 2) != 0)) {
             if (!bOptionsEnded && strcmp(szWord, "-h") == 0) {
                 PrintCommandHelp(command);
                 return 0;
@@ -200,8 +251,12 @@ int ParseCommandLine(const Command &command, int argc, char **argv, Arguments &a
 // Checks what the command line itself can tell, before any file is touched.
 int CheckArguments(const Command &command, const Arguments &args) {
     const size_t nCount = args.vszPositional.size();
-    if (nCount < command.nMinArgs || nCount > command.nMaxArgs)
+    if (nCount < command.nMinArgs || nCount > command.nMaxArgs ||
+        (command.pfnRun == RunSet && (nCount - 1) % 3 != 0))
         return UsageError(&command, "expected %s", command.szSynopsis);
+    if (args.szFormat != nullptr && strcmp(args.szFormat, "lines") != 0 &&
+        strcmp(args.szFormat, "sh") != 0)
+        return UsageError(&command, "unknown format '%s' (lines or sh)", args.szFormat);
     ValueType type = ValueType::String;
     if (args.szType != nullptr && !ParseValueType(args.szType, &type))
         return UsageError(&command, "unknown type '%s'", args.szType);

@@ -17,6 +17,8 @@ struct Arguments {
     const char *szType = nullptr;            // --type
     const char *szDefault = nullptr;         // --default
     const char *szPrecision = nullptr;       // --precision
+    const char *szFormat = nullptr;          // --format
+    const char *szScript = nullptr;          // -f
 };
 
 // ------------------------------------------------------------- reporting
@@ -62,6 +64,10 @@ bool ParseSize(const char *szText, unsigned *pnWidth, unsigned *pnHeight);
 // The shortest text that reads back as fValue.
 std::string FormatFloat(float fValue);
 
+// Converts szText to the type and back to the text that type's setter of the
+// library writes ("on" as bool: "Yes"). False when szText is not of the type.
+bool TypedText(const char *szText, ValueType type, int nPrecision, std::string *psText);
+
 // ------------------------------------------------------------- commands
 
 int RunGet(const Arguments &args);
@@ -75,6 +81,12 @@ int RunCommentLine(const Arguments &args);
 int RunDeleteLine(const Arguments &args);
 int RunChangeGroup(const Arguments &args);
 int RunRecover(const Arguments &args);
+int RunApply(const Arguments &args);
+int RunKeys(const Arguments &args);
+int RunShow(const Arguments &args);
+
+// Sets several SECTION KEY VALUE triples in one rewrite.
+int RunSetMany(const Arguments &args, ValueType type, int nPrecision);
 
 // ------------------------------------------------------------------ files
 

@@ -2,9 +2,11 @@
 //
 // The command line has been checked for the number of arguments and the
 // options each command takes; what is checked here is what the arguments say.
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <grp.h>
+#include <map>
 
 #include "cfgfile_api.h"
 #include "cfgfile_tool.h"
@@ -233,6 +235,43 @@ int SetTyped(const char *szFile, const char *szSection, const char *szKey, const
                      ValueTypeName(type));
 }
 
+// Lists the keys of a section into *pvsKeys. Returns the library's result.
+int ListKeys(const char *szFile, const char *szSection, std::vector<std::string> *pvsKeys) {
+    size_t nSize = 0;
+    unsigned nCount = 0;
+    int iResult = CfgFile_EnumerateKeys(szFile, szSection, nullptr, &nSize, &nCount);
+    std::vector<char> vcNames;
+    // The file may grow between the measure and the copy: measure again then.
+    for (int iRead = 0; iResult == CFGFILE_SUCCESS && nSize > vcNames.size() && iRead < kMaxReads;
+         ++iRead) {
+        vcNames.resize(nSize);
+        iResult = CfgFile_EnumerateKeys(szFile, szSection, vcNames.data(), &nSize, &nCount);
+    }
+    const char *pcName = vcNames.data();
+    for (unsigned iName = 0; iResult == CFGFILE_SUCCESS && iName < nCount; ++iName) {
+        pvsKeys->emplace_back(pcName);
+        pcName += strlen(pcName) + 1;
+    }
+    return iResult;
+}
+
+// A shell variable name for a key: bytes other than [A-Za-z0-9_] become '_',
+// and a leading digit gets a '_' before it.
+std::string VariableName(const std::string &sKey) {
+    std::string sName = isdigit(static_cast<unsigned char>(sKey[0])) ? "_" : "";
+    for (const char c : sKey)
+        sName += isalnum(static_cast<unsigned char>(c)) != 0 && (c & 0x80) == 0 ? c : '_';
+    return sName;
+}
+
+// sText in single quotes, each ' as '\'': sh takes all of it literally.
+std::string ShellQuoted(const std::string &sText) {
+    std::string sQuoted = "'";
+    for (const char c : sText)
+        sQuoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return sQuoted + "'";
+}
+
 // The line commands: the library takes an empty prefix for a programming error
 // (find-line) or matches every line with it; neither is what a user means.
 bool RefuseEmptyPrefix(const char *szCommand, const char *szPrefix, int *piExit) {
@@ -273,6 +312,9 @@ int RunSet(const Arguments &args) {
     if (args.szPrecision != nullptr && !ParseInt(args.szPrecision, &nPrecision))
         return ReportWhy("set", CFGFILE_BAD_PARAMETERS, "--precision '%s' is not a valid int",
                          args.szPrecision);
+    // One triple keeps the typed setter; several go in one rewrite.
+    if (args.vszPositional.size() > 4)
+        return RunSetMany(args, type, nPrecision);
     return SetTyped(args.vszPositional[0], args.vszPositional[1], args.vszPositional[2],
                     args.vszPositional[3], type, nPrecision);
 }
@@ -312,6 +354,48 @@ int RunSections(const Arguments &args) {
         printf("%s\n", pcName);
         pcName += strlen(pcName) + 1;
     }
+    return 0;
+}
+
+int RunKeys(const Arguments &args) {
+    std::vector<std::string> vsKeys;
+    const int iResult = ListKeys(args.vszPositional[0], args.vszPositional[1], &vsKeys);
+    if (iResult != CFGFILE_SUCCESS)
+        return Report("keys", iResult);
+    for (const std::string &sKey : vsKeys)
+        printf("%s\n", sKey.c_str());
+    return 0;
+}
+
+int RunShow(const Arguments &args) {
+    const bool bShell = args.szFormat != nullptr && strcmp(args.szFormat, "sh") == 0;
+    std::vector<std::string> vsKeys;
+    const int iResult = ListKeys(args.vszPositional[0], args.vszPositional[1], &vsKeys);
+    if (iResult != CFGFILE_SUCCESS)
+        return Report("show", iResult);
+    std::string sOutput;
+    std::map<std::string, std::string> mKeyOfName; // variable name -> the key that took it
+    for (const std::string &sKey : vsKeys) {
+        const Fetched fetched =
+            FetchString({args.vszPositional[0], args.vszPositional[1], sKey.c_str(), nullptr});
+        // Printed only when every value could be read, so that a script never
+        // takes part of a section for the whole.
+        if (fetched.iResult != CFGFILE_SUCCESS)
+            return ReportWhy("show", fetched.iResult, "cannot read key '%s'", sKey.c_str());
+        if (!bShell) {
+            sOutput += sKey + "=" + fetched.sText + "\n";
+            continue;
+        }
+        const std::string sName = VariableName(sKey);
+        const auto [it, bNew] = mKeyOfName.emplace(sName, sKey);
+        if (!bNew) {
+            fprintf(stderr, "cfgfile: show: warning: key '%s' left out: %s is key '%s'\n",
+                    sKey.c_str(), sName.c_str(), it->second.c_str());
+            continue;
+        }
+        sOutput += sName + "=" + ShellQuoted(fetched.sText) + "\n";
+    }
+    fputs(sOutput.c_str(), stdout);
     return 0;
 }
 

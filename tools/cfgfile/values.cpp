@@ -146,4 +146,50 @@ std::string FormatFloat(float fValue) {
     return szText;
 }
 
+bool TypedText(const char *szText, ValueType type, int nPrecision, std::string *psText) {
+    char szNumber[32];
+    int nInt = 0;
+    unsigned nUint = 0;
+    int64_t nInt64 = 0;
+    float fValue = 0;
+    bool bValue = false;
+    int nLength = 0;
+    switch (type) {
+    case ValueType::Int:
+        if (!ParseInt(szText, &nInt))
+            return false;
+        *psText = std::to_string(nInt);
+        return true;
+    case ValueType::Uint:
+        if (!ParseUint(szText, &nUint))
+            return false;
+        *psText = std::to_string(nUint);
+        return true;
+    case ValueType::Int64:
+        if (!ParseInt64(szText, &nInt64))
+            return false;
+        *psText = std::to_string(nInt64);
+        return true;
+    case ValueType::Float:
+        // As the float setter: fixed decimals, and refused when they do not
+        // fit its buffer (a cut number would be another number).
+        if (!ParseFloat(szText, &fValue))
+            return false;
+        nLength =
+            snprintf(szNumber, sizeof(szNumber), "%.*f", nPrecision, static_cast<double>(fValue));
+        if (nLength < 0 || static_cast<size_t>(nLength) >= sizeof(szNumber))
+            return false;
+        *psText = szNumber;
+        return true;
+    case ValueType::Bool:
+        if (!ParseBool(szText, &bValue))
+            return false;
+        *psText = bValue ? "Yes" : "No";
+        return true;
+    default:
+        *psText = szText;
+        return true;
+    }
+}
+
 } // namespace cfgtool
