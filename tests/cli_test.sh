@@ -1,12 +1,13 @@
 #!/bin/sh
 # Runs the cfgfile tool on a copy of the example settings file and checks what
 # each command prints on stdout and the status it exits with.
-# usage: cli_test.sh path/to/cfgfile path/to/device.ini
+# usage: cli_test.sh path/to/cfgfile path/to/device.ini [path/to/bash-completion]
 set -eu
 tool=$1
 # A cross build runs the tool through its emulator (CFGFILE_EMULATOR).
 run_tool() { ${CFGFILE_EMULATOR:-} "$tool" "$@"; }
 example=$2
+completion=${3:-}
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 f=$dir/device.ini
@@ -271,6 +272,30 @@ else
     fail "show --format sh: $sh_out"
 fi
 check 64 "" show "$a" Hostile --format csv
+
+# ------------------------------------------------------------ completion
+if [ -n "$completion" ] && command -v bash >/dev/null 2>&1; then
+    printf '#!/bin/sh\nexec %s "%s" "$@"\n' "${CFGFILE_EMULATOR:-}" "$tool" >"$dir/cfgfile"
+    chmod +x "$dir/cfgfile"
+    # completes WANT WORD...: completing the last WORD offers WANT.
+    completes() {
+        want=$1
+        shift
+        got=$(bash -c '. "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _cfgfile
+            echo "${COMPREPLY[*]}"' bash "$completion" "$dir/cfgfile" "$@" 2>&1)
+        if [ "$got" = "$want" ]; then pass; else fail "completing '$*': '$got' (want '$want')"; fi
+    }
+    completes "keys" ke
+    completes "set show sections" --lock s
+    completes "--lock" --l
+    completes "video-format video-resolution video-size" get "$a" Video Format --type v
+    completes "lines sh" show "$a" Device --format = ""
+    completes "Schedule.Weekday Schedule.Weekend" get "$a" Sch
+    completes "Network New" set "$a" Device Name x N
+    completes "" set "$a" Device N
+    completes "-f --help" apply "$a" -
+    completes "$a" keys "$dir/appl"
+fi
 
 # ---------------------------------------------------------- command line
 check 64 "" get "$f" Device

@@ -53,6 +53,7 @@ done
 for h in cfgfile_api.h xtypes.h dbgtrace.h video/video_formats.h; do
     [ -e "$prefix/include/$h" ] || { echo "not installed: include/$h"; exit 1; }
 done
+[ -e "$prefix/share/bash-completion/completions/cfgfile" ] || { echo "not installed: completion"; exit 1; }
 ok "files installed under $prefix"
 
 runpath=$(readelf -d "$libdir/libcfgfile.so.1" | sed -n 's/.*(RUNPATH).*\[\(.*\)\]$/\1/p')
