@@ -41,6 +41,12 @@ inline const Rewrite kRewrites[] = {
      "[net]\nport=80\n#host=a\n# keep\n[video]\nmode=1080\n", CFGFILE_FAILURE},
     {"DeleteLine", [](const char *f) { return CfgFile_DeleteLineStartingWith(f, "mode"); },
      "[net]\nport=80\nhost=a\n# keep\n[video]\n", CFGFILE_FAILURE},
+    {"ApplyChanges",
+     [](const char *f) {
+         const CFGFILE_CHANGE kChanges[] = {{"net", "port", "81"}, {"net", "host", nullptr}};
+         return CfgFile_ApplyChanges(f, kChanges, 2);
+     },
+     "[net]\nport=81\n# keep\n[video]\nmode=1080\n", CFGFILE_FILE_ACCESS},
 };
 
 inline std::string RewriteName(const ::testing::TestParamInfo<Rewrite> &info) {

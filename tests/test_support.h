@@ -23,9 +23,10 @@ using namespace std::string_literals;
 // A directory of its own for each test, removed with everything in it.
 class ScratchDir {
   public:
-    ScratchDir() {
-        char szTemplate[] = "/tmp/cfgfile-test-XXXXXX";
-        m_path = mkdtemp(szTemplate);
+    // szBase: where it is made (/dev/shm: a tmpfs, whose fsync costs nothing).
+    explicit ScratchDir(const std::string &base = "/tmp") {
+        std::string path = base + "/cfgfile-test-XXXXXX";
+        m_path = mkdtemp(path.data());
     }
     ~ScratchDir() {
         if (system(

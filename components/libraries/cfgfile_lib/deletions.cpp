@@ -245,6 +245,16 @@ int ChangePrefixedLine(const char *szFunction, const char *szFileName, const cha
 }
 
 } // namespace
+
+int RemoveKeyThrough(const RewriteNames &names, int fdIn, int fdOut, const char *szSection,
+                     const char *szKeyName, bool *pbRemoved) {
+    KeyRemover remover(szSection, szKeyName);
+    StepsOf<kShortLineBufferSize, KeyRemover> steps(remover);
+    const int iRetCode = StreamThrough({kDeleteKey, 7, true, true}, names, fdIn, fdOut, steps);
+    *pbRemoved = remover.Changed();
+    return iRetCode;
+}
+
 } // namespace cfglib
 
 using namespace cfglib;

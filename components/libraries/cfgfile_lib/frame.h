@@ -118,6 +118,17 @@ class FileDescriptor {
 
     bool IsOpen() const { return m_fd >= 0; }
     int Get() const { return m_fd; }
+    // Owns fd from now on, closing the one it held.
+    void Reset(int fd) {
+        Close();
+        m_fd = fd;
+    }
+    // Gives the descriptor up to the caller.
+    int Release() {
+        const int fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
     void Close() {
         if (m_fd >= 0)
             close(m_fd);

@@ -193,39 +193,13 @@ int CopyLines(const RewriteRules &rules, const RewriteNames &names, LineReader &
     return reader.Failed() ? CFGFILE_FAILURE : CFGFILE_SUCCESS;
 }
 
-// Swaps the new file in. The old file gets the backup name as a second name
-// and the new one is renamed over the file's name, so that the name always
-// holds a whole file; where the file system gives no second names (vfat),
-// the old file is moved to the backup name instead. Once the directory is
-// on disk, the backup is deleted.
-int SwapIn(const char *szFunction, const RewriteNames &names, const char *szBackupFileName) {
-    const char *szFileName = names.szTarget;
-    const bool bLinked = Sys([&] { return LinkFile(szFileName, szBackupFileName); }, -1) == 0;
-    if (!bLinked && Sys([&] { return rename(szFileName, szBackupFileName); }, -1) != 0) {
-        const int nErr = errno;
-        CFG_TRACE_AS(szFunction, 7,
-                     "Failed to rename config file \"%s\" to backup \"%s\", errno=%d, \"%s\".\n",
-                     szFileName, szBackupFileName, nErr, strerror(nErr));
-        return CFGFILE_FAILURE;
-    }
-    if (Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) != 0) {
-        const int nErr = errno;
-        CFG_TRACE_AS(szFunction, 7,
-                     "Failed to move tmp file to new config file, errno=%d, \"%s\".\n", nErr,
-                     strerror(nErr));
-        if (bLinked)
-            Sys([&] { return unlink(szBackupFileName); }, -1);
-        else
-            Sys([&] { return rename(szBackupFileName, szFileName); }, -1);
-        return CFGFILE_FAILURE;
-    }
-    // The new file is in place. Until the directory is on disk, the backup
-    // is the only copy sure to survive a power cut: keep it then.
-    if (!SyncDirectoryOf(szFileName))
-        return CFGFILE_SUCCESS;
-    if (Sys([&] { return unlink(szBackupFileName); }, -1) != 0)
-        CFG_TRACE_AS(szFunction, 7, "Failed to delete backup file \"%s\".\n", szBackupFileName);
-    return CFGFILE_SUCCESS;
+// Copies the lines of reader into out as the operation decides, then what
+// it adds after them.
+int CopyThrough(const RewriteRules &rules, const RewriteNames &names, LineReader &reader,
+                OutputFile &out, RewriteSteps &op) {
+    reader.OnRefill([](void *pOut) { static_cast<OutputFile *>(pOut)->WritePending(); }, &out);
+    const int iRetCode = CopyLines(rules, names, reader, out, op);
+    return iRetCode == CFGFILE_SUCCESS && !op.Finish(out) ? CFGFILE_FAILURE : iRetCode;
 }
 
 // Writes the new content of names.szTarget, open for reading as fd, to the
@@ -265,10 +239,7 @@ __attribute__((noinline)) RewriteResult CopyToTemporary(const RewriteRules &rule
     CopyFilePermissionsToFd(szFileName, tmp.Descriptor());
     CopyFileOwnershipToFd(szFileName, tmp.Descriptor());
 
-    reader.OnRefill([](void *pTmp) { static_cast<OutputFile *>(pTmp)->WritePending(); }, &tmp);
-    int iRetCode = CopyLines(rules, names, reader, tmp, op);
-    if (iRetCode == CFGFILE_SUCCESS && !op.Finish(tmp))
-        iRetCode = CFGFILE_FAILURE;
+    int iRetCode = CopyThrough(rules, names, reader, tmp, op);
     const bool bSwap =
         iRetCode == CFGFILE_SUCCESS && (op.Changed() || !rules.bDiscardWhenUnchanged);
 
@@ -326,6 +297,43 @@ int OpenForChange(const char *szPath) {
     return fd < 0 && errno == ENOENT ? NothingAt(szPath) : fd;
 }
 
+} // namespace
+
+// Swaps the new file in. The old file gets the backup name as a second name
+// and the new one is renamed over the file's name, so that the name always
+// holds a whole file; where the file system gives no second names (vfat),
+// the old file is moved to the backup name instead. Once the directory is
+// on disk, the backup is deleted.
+int SwapIn(const char *szFunction, const RewriteNames &names, const char *szBackupFileName) {
+    const char *szFileName = names.szTarget;
+    const bool bLinked = Sys([&] { return LinkFile(szFileName, szBackupFileName); }, -1) == 0;
+    if (!bLinked && Sys([&] { return rename(szFileName, szBackupFileName); }, -1) != 0) {
+        const int nErr = errno;
+        CFG_TRACE_AS(szFunction, 7,
+                     "Failed to rename config file \"%s\" to backup \"%s\", errno=%d, \"%s\".\n",
+                     szFileName, szBackupFileName, nErr, strerror(nErr));
+        return CFGFILE_FAILURE;
+    }
+    if (Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) != 0) {
+        const int nErr = errno;
+        CFG_TRACE_AS(szFunction, 7,
+                     "Failed to move tmp file to new config file, errno=%d, \"%s\".\n", nErr,
+                     strerror(nErr));
+        if (bLinked)
+            Sys([&] { return unlink(szBackupFileName); }, -1);
+        else
+            Sys([&] { return rename(szBackupFileName, szFileName); }, -1);
+        return CFGFILE_FAILURE;
+    }
+    // The new file is in place. Until the directory is on disk, the backup
+    // is the only copy sure to survive a power cut: keep it then.
+    if (!SyncDirectoryOf(szFileName))
+        return CFGFILE_SUCCESS;
+    if (Sys([&] { return unlink(szBackupFileName); }, -1) != 0)
+        CFG_TRACE_AS(szFunction, 7, "Failed to delete backup file \"%s\".\n", szBackupFileName);
+    return CFGFILE_SUCCESS;
+}
+
 // Opens the file a change works on (-1 with errno when it cannot) and takes
 // the change's exclusion: its temporary file, then the file, once the
 // change that put it there is through. What holds the name after the wait
@@ -365,7 +373,16 @@ int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &
     return fd;
 }
 
-} // namespace
+int StreamThrough(const RewriteRules &rules, const RewriteNames &names, int fdIn, int fdOut,
+                  RewriteSteps &op) {
+    ReaderBuffer<kRewriteBlockSize> buffer;
+    LineReader reader(fdIn, buffer);
+    if (!reader.Start(true))
+        return CFGFILE_FAILURE;
+    OutputFile out(fdOut);
+    const int iRetCode = CopyThrough(rules, names, reader, out, op);
+    return out.Flush() ? iRetCode : CFGFILE_FAILURE;
+}
 
 // Rewrites the file named in names (retargeted to a link's target), with
 // temp held. The sequence is compiled once; only the operation's steps differ.

@@ -111,6 +111,29 @@ template <size_t N, class Operation> class StepsOf final : public RewriteSteps {
     Operation &m_op;
 };
 
+// Opens the file a change works on (-1 with errno when it cannot; errno
+// ENOENT for a missing file) and takes the change's exclusion in temp.
+int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp);
+
+// Swaps the new file, complete under names.szTmpFileName, in through the
+// backup name; traces its failures as szFunction.
+int SwapIn(const char *szFunction, const RewriteNames &names, const char *szBackupFileName);
+
+// Streams the file open as fdIn through the operation into fdOut: a change
+// worked out in memory. CFGFILE_FAILURE when a read or a write failed.
+int StreamThrough(const RewriteRules &rules, const RewriteNames &names, int fdIn, int fdOut,
+                  RewriteSteps &op);
+
+// The steps of a multi-change, each worked out from the file open as fdIn
+// into fdOut: a set (writer.cpp) and the removal of a key (deletions.cpp),
+// which tells whether it found the key; and the text of a new file.
+int SetValueThrough(const RewriteNames &names, int fdIn, int fdOut, const char *szSection,
+                    const char *szKeyName, const char *szValue);
+int RemoveKeyThrough(const RewriteNames &names, int fdIn, int fdOut, const char *szSection,
+                     const char *szKeyName, bool *pbRemoved);
+bool WriteNewFileText(OutputFile &out, const char *szSection, const char *szKeyName,
+                      const char *szValue);
+
 // Rewrites the file named in names (retargeted to a link's target), with
 // temp held. The sequence is compiled once; only the operation's steps differ.
 RewriteResult RunRewrite(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp,

@@ -137,8 +137,7 @@ __attribute__((noinline, cold)) int CreateNewFile(const RewriteNames &names, Loc
     CFG_TRACE_AS(kWriteValue, 7, "OPENED \"%s\".\n", szFileName);
     OutputFile file(temp.Fd());
     SetDefaultFilePermissionsOnFd(file.Descriptor());
-    file.Write("[") && file.Write(szSection) && file.Write("]\n") &&
-        file.WriteKeyLine(szKeyName, szValue, "\n");
+    WriteNewFileText(file, szSection, szKeyName, szValue);
     const bool bWritten =
         file.Commit(true) && Sys([&] { return rename(names.szTmpFileName, szFileName); }, -1) == 0;
     const bool bComplete = bWritten && SyncDirectoryOf(szFileName);
@@ -182,6 +181,20 @@ int _WriteValue(const char *szFileName, const char *szSection, const char *szKey
 }
 
 } // namespace
+
+bool WriteNewFileText(OutputFile &out, const char *szSection, const char *szKeyName,
+                      const char *szValue) {
+    return out.Write("[") && out.Write(szSection) && out.Write("]\n") &&
+           out.WriteKeyLine(szKeyName, szValue, "\n");
+}
+
+int SetValueThrough(const RewriteNames &names, int fdIn, int fdOut, const char *szSection,
+                    const char *szKeyName, const char *szValue) {
+    ValueWriter writer(szSection, szKeyName, szValue);
+    StepsOf<kLongLineBufferSize, ValueWriter> steps(writer);
+    return StreamThrough(kWriterRules, names, fdIn, fdOut, steps);
+}
+
 } // namespace cfglib
 
 using namespace cfglib;
