@@ -1,24 +1,32 @@
 // cfgfile_bench.cpp - the cost of one call of the settings library, beside
-// the least the same work costs in system calls (the floor) and beside three
-// general-purpose INI libraries doing the same job.
+// the least the same work costs in system calls (the physical floor) and
+// beside three general-purpose INI libraries doing the same job.
 //
 // Benchmarks are named "<operation>/<implementation>/<lines>":
 //   get_first, get_last, get_missing  integer lookup of a key near the start,
 //                                     near the end, and in a missing section
 //   set_replace, set_add, set_new_section, delete_key
 //   enumerate, find_line
-//   rewrite/floor                     the floor of every operation that writes
-//   rewrite/protocol                  the floor plus the calls the rewrite makes
-//                                     by its definition (mode, owner, backup)
+//   rewrite/floor                     the physical floor of every change
+//   rewrite/protocol                  the floor plus the calls a change makes
+//                                     by its definition (locks, mode, owner,
+//                                     backup link)
 //   rewrite/streamed                  the protocol floor with the file passed
-//                                     through the rewrite's fixed block
+//                                     through a block of the library's default
+//                                     size, a read and a write per block
 // Implementations: ours, floor, scan (lookups: the floor plus finding every
 // section line), inih (lookups only), iniparser, glib; and "paired": ours and
 // the floor timed in turns, reporting the median ratio of the turns.
 //
+// The physical floor of a read is open, one read(2) of the bytes the
+// operation needs into a buffer as large as they are, close; of a change,
+// that read of the whole file, one write(2) of as many bytes to a temporary
+// file, fsync, one rename over the file and an fsync of the directory.
+//
 // Files lie in $BENCH_DIR (default /dev/shm/cfgfile-bench), so one binary
 // measures a tmpfs and a disk file system alike. Times are wall-clock: a
-// rewrite on disk waits for the device.
+// rewrite on disk waits for the device. The library is found through the
+// run path or LD_LIBRARY_PATH, so one binary measures any build of it.
 
 #include <benchmark/benchmark.h>
 #include <glib.h>
@@ -34,7 +42,6 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -54,15 +61,31 @@ namespace {
 using cfgbench::BenchFile;
 
 constexpr int kSizes[] = {10, 100, 1000, 10000};
-constexpr size_t kBlockSize = 4096; // the library reads files in blocks of this size
-// The library reads into blocks that start on a cache line, which the kernel
-// copies to faster; so do the floors.
+// The library's default block: the streamed floor passes files through it.
+constexpr size_t kIoBlock = 1280;
+// The library reads into a block that starts on a cache line, which the
+// kernel copies to faster; so do the floors.
 constexpr size_t kBlockAlignment = 64;
 constexpr size_t kReadBeforeTypeCheck = 65536; // a lookup asks the type after this much
 constexpr int kNotFound = -1;                  // every generated value is >= 0
 constexpr int kLookupBatch = 8;                // lookups per side and turn of a paired benchmark
 
 std::string g_benchDir;
+
+// A heap buffer of exactly the bytes a floor moves, from a cache line on.
+class FloorBuffer {
+  public:
+    explicit FloorBuffer(size_t nSize) : m_storage(nSize + kBlockAlignment) {
+        void *pv = m_storage.data();
+        size_t nSpace = m_storage.size();
+        m_pc = static_cast<char *>(std::align(kBlockAlignment, nSize, pv, nSpace));
+    }
+    char *data() const { return m_pc; }
+
+  private:
+    std::vector<char> m_storage;
+    char *m_pc;
+};
 
 // One integer lookup, named the way each implementation names it.
 struct Lookup {
@@ -71,6 +94,7 @@ struct Lookup {
     std::string entry; // "section:key" for iniparser
     size_t nOffset;    // just past the key's line; the file's size when it is missing
     int nExpected;     // kNotFound when missing
+    std::shared_ptr<FloorBuffer> floorBuffer; // nOffset bytes, for the floors
 };
 
 // A file that one benchmark rewrites, and the names a safe rewrite uses beside it.
@@ -96,22 +120,16 @@ bool SyncDirectory(const char *szDirectory) {
 
 // ------------------------------------------------------------------ floor
 
-// Reads szPath up to byte nOffset (or to its end) in blocks of the library's
-// size: the system calls any lookup needs, and nothing else.
-bool FloorRead(const char *szPath, size_t nOffset) {
-    alignas(kBlockAlignment) char block[kBlockSize];
+// The physical floor of a read: open, one read(2) of the nBytes the
+// operation needs, close.
+bool FloorRead(const char *szPath, size_t nBytes, char *pcBuffer) {
     const int fd = open(szPath, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return false;
-    size_t nDone = 0;
-    ssize_t nRead = 1;
-    while (nDone < nOffset && nRead > 0) {
-        nRead = read(fd, block, std::min(kBlockSize, nOffset - nDone));
-        nDone += nRead > 0 ? static_cast<size_t>(nRead) : 0;
-    }
-    benchmark::DoNotOptimize(block);
+    const bool bRead = read(fd, pcBuffer, nBytes) == static_cast<ssize_t>(nBytes);
+    benchmark::DoNotOptimize(pcBuffer);
     close(fd);
-    return nRead >= 0;
+    return bRead;
 }
 
 // The "[" of [pcStart, pcStop) at the start of a line, found the fastest way
@@ -148,91 +166,73 @@ size_t CountSectionLines(const char *pcStart, const char *pcStop) {
 }
 
 // The least work of a lookup as the library defines it, on top of the read
-// floor: a file that gives more than 64 KiB is asked its type (fstat), so that a
-// device is refused, and every section line of the bytes read is found
-// (CountSectionLines). Nothing
-// else of a line is looked at.
-bool ScanRead(const char *szPath, size_t nOffset) {
-    alignas(kBlockAlignment) char block[kBlockSize];
+// floor: a file that gives more than 64 KiB is asked its type (fstat), so that
+// a device is refused, and every section line of the bytes read is found
+// (CountSectionLines). Nothing else of a line is looked at.
+bool ScanRead(const char *szPath, size_t nBytes, char *pcBuffer) {
     const int fd = open(szPath, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return false;
-    size_t nDone = 0, nSections = 0;
-    ssize_t nRead = 1;
-    while (nDone < nOffset && nRead > 0) {
-        nRead = read(fd, block, std::min(kBlockSize, nOffset - nDone));
-        if (nRead <= 0)
-            break;
-        struct stat st;
-        if (nDone < kReadBeforeTypeCheck && nDone + nRead > kReadBeforeTypeCheck &&
-            (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)))
-            break;
-        nSections += CountSectionLines(block, block + nRead);
-        nDone += static_cast<size_t>(nRead);
-    }
-    benchmark::DoNotOptimize(nSections);
+    struct stat st;
+    bool bOk = read(fd, pcBuffer, nBytes) == static_cast<ssize_t>(nBytes) &&
+               (nBytes <= kReadBeforeTypeCheck || (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)));
+    benchmark::DoNotOptimize(CountSectionLines(pcBuffer, pcBuffer + nBytes));
     close(fd);
-    return nRead >= 0;
+    return bOk;
 }
 
-// Replaces the file with its own content, the safe way and nothing more:
-// read it whole, write and sync a temporary file, swap it in through a
-// backup name, sync the directory, delete the backup. With bProtocol, also
-// the calls the library's rewrite makes by its definition: the mode and the
-// owner carried over (each a stat of the file and a change of the temporary
-// file) and the removal of a leftover backup before the swap. With bStreamed
-// as well, the file passes through a fixed buffer of the library's rewrite
-// block, a read and a write per block, as an operation that must look at
-// every line of the file streams it.
+// The one byte far past any file's end that a change locks, on its
+// temporary file (for writing) and on the file (for reading).
+bool LockByte(int fd, short nType) {
+    struct flock lock {};
+    lock.l_type = nType;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = off_t{1} << 62;
+    lock.l_len = 1;
+    return fcntl(fd, F_OFD_SETLK, &lock) == 0;
+}
+
+// Floor: the physical floor of a change, the whole file read and written
+// once (as many bytes as it holds: a change adds or drops a line at most).
+// Protocol: also the calls a change makes by its definition: the temporary
+// file and the file locked, the file's mode and owner carried over (each a
+// stat of the file and a change of the temporary file), a leftover backup
+// removed, the file linked to the backup name before the swap and the
+// backup removed after it. Streamed: the protocol floor with the file passed
+// through a block of the library's default size, a read and a write per
+// block, as a change that must look at every line streams it.
 enum class RewriteFloor { Floor, Protocol, Streamed };
 
-constexpr size_t kRewriteBlockSize = 16384; // the block of the library's rewrite
-
-bool FloorRewrite(const WriteTarget &target, std::vector<char> &storage, RewriteFloor kind) {
+bool FloorRewrite(const WriteTarget &target, char *pcBuffer, RewriteFloor kind) {
     const bool bProtocol = kind != RewriteFloor::Floor;
-    // The file is read into the storage from its first cache line on.
-    const size_t nBufferSize = storage.size() - kBlockAlignment;
-    void *pvBuffer = storage.data();
-    size_t nSpace = storage.size();
-    std::align(kBlockAlignment, nBufferSize, pvBuffer, nSpace);
-    const std::span<char> buffer(static_cast<char *>(pvBuffer), nBufferSize);
-    const int fdIn = open(target.path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fdIn < 0)
-        return false;
-    size_t nSize = 0;
-    ssize_t nRead = 0;
-    if (kind != RewriteFloor::Streamed) {
-        while ((nRead = read(fdIn, buffer.data() + nSize, buffer.size() - nSize)) > 0)
-            nSize += static_cast<size_t>(nRead);
-        close(fdIn);
-    }
-    const int fdOut = open(target.tmpPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fdOut < 0)
-        return false;
+    const char *szPath = target.path.c_str();
+    const char *szBackup = target.backupPath.c_str();
+    const size_t nSize = target.pFile->text.size();
+    const size_t nStep = kind == RewriteFloor::Streamed ? kIoBlock : nSize;
+    const int fdIn = open(szPath, O_RDONLY | O_CLOEXEC);
+    const int fdOut = open(target.tmpPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    bool bOk = fdIn >= 0 && fdOut >= 0;
     struct stat st;
-    if (bProtocol &&
-        (stat(target.path.c_str(), &st) != 0 || fchmod(fdOut, st.st_mode) != 0 ||
-         stat(target.path.c_str(), &st) != 0 || fchown(fdOut, st.st_uid, st.st_gid) != 0)) {
-        close(fdOut);
-        return false;
+    if (bOk && bProtocol)
+        bOk = LockByte(fdOut, F_WRLCK) && LockByte(fdIn, F_RDLCK) && stat(szPath, &st) == 0 &&
+              fchmod(fdOut, st.st_mode) == 0 && stat(szPath, &st) == 0 &&
+              fchown(fdOut, st.st_uid, st.st_gid) == 0;
+    for (size_t nDone = 0; bOk && nDone < nSize; nDone += nStep) {
+        const size_t nBytes = std::min(nStep, nSize - nDone);
+        bOk = read(fdIn, pcBuffer, nBytes) == static_cast<ssize_t>(nBytes) &&
+              write(fdOut, pcBuffer, nBytes) == static_cast<ssize_t>(nBytes);
     }
-    bool bOk = true;
-    if (kind == RewriteFloor::Streamed) {
-        alignas(kBlockAlignment) char block[kRewriteBlockSize];
-        while (bOk && (nRead = read(fdIn, block, sizeof(block))) > 0)
-            bOk = write(fdOut, block, nRead) == nRead;
+    if (fdIn >= 0)
         close(fdIn);
-    } else {
-        bOk = write(fdOut, buffer.data(), nSize) == static_cast<ssize_t>(nSize);
-    }
-    bOk = fsync(fdOut) == 0 && bOk;
-    bOk = close(fdOut) == 0 && bOk;
+    bOk = bOk && fsync(fdOut) == 0;
     if (bProtocol)
-        unlink(target.backupPath.c_str());
-    bOk = bOk && rename(target.path.c_str(), target.backupPath.c_str()) == 0 &&
-          rename(target.tmpPath.c_str(), target.path.c_str()) == 0 &&
-          SyncDirectory(g_benchDir.c_str());
-    return unlink(target.backupPath.c_str()) == 0 && bOk;
+        unlink(szBackup);
+    bOk = bOk && (!bProtocol || link(szPath, szBackup) == 0) &&
+          rename(target.tmpPath.c_str(), szPath) == 0 && SyncDirectory(g_benchDir.c_str());
+    if (bProtocol)
+        bOk = unlink(szBackup) == 0 && bOk;
+    // A change holds the lock on its new file to its end.
+    return fdOut >= 0 && close(fdOut) == 0 && bOk;
 }
 
 // ------------------------------------------------------------------- inih
@@ -496,7 +496,7 @@ struct SizeCase {
 
 Lookup MakeLookup(const std::string &section, const char *szKey, size_t nOffset, int nExpected) {
     std::string entry = section + ":" + szKey;
-    return {section, szKey, entry, nOffset, nExpected};
+    return {section, szKey, entry, nOffset, nExpected, std::make_shared<FloorBuffer>(nOffset)};
 }
 
 // Wall-clock time; with repetitions, the fastest run is reported too: other
@@ -523,11 +523,15 @@ void RegisterLookups(const SizeCase &sizeCase, const std::string &suffix) {
     } kImpls[] = {{"ours", OursGet},
                   {"floor",
                    [](const char *szPath, const Lookup &lookup) {
-                       return FloorRead(szPath, lookup.nOffset) ? lookup.nExpected : kNotFound - 1;
+                       return FloorRead(szPath, lookup.nOffset, lookup.floorBuffer->data())
+                                  ? lookup.nExpected
+                                  : kNotFound - 1;
                    }},
                   {"scan",
                    [](const char *szPath, const Lookup &lookup) {
-                       return ScanRead(szPath, lookup.nOffset) ? lookup.nExpected : kNotFound - 1;
+                       return ScanRead(szPath, lookup.nOffset, lookup.floorBuffer->data())
+                                  ? lookup.nExpected
+                                  : kNotFound - 1;
                    }},
                   {"inih", InihGet},
                   {"iniparser", IniparserGet},
@@ -552,7 +556,7 @@ void RegisterLookups(const SizeCase &sizeCase, const std::string &suffix) {
                 RunPaired(
                     state, kLookupBatch,
                     [&] { return OursGet(szPath, lookup) == lookup.nExpected; },
-                    [&] { return FloorRead(szPath, lookup.nOffset); });
+                    [&] { return FloorRead(szPath, lookup.nOffset, lookup.floorBuffer->data()); });
             },
             true);
     }
@@ -580,18 +584,24 @@ void RegisterScans(const SizeCase &sizeCase, const std::string &suffix) {
                  [&sizeCase, pfnCount = impl.pfnCount, nSections](benchmark::State &state) {
                      RunCount(state, pfnCount, sizeCase.readPath.c_str(), nSections);
                  });
-    Register("enumerate/floor" + suffix, [&sizeCase](benchmark::State &state) {
+    // The floor of each scan reads the bytes the scan needs.
+    const auto fnFloor = [&sizeCase](size_t nBytes) {
+        return [&sizeCase, nBytes, pBuffer = std::make_shared<FloorBuffer>(nBytes)] {
+            return FloorRead(sizeCase.readPath.c_str(), nBytes, pBuffer->data());
+        };
+    };
+    const auto fnEnumerateFloor = fnFloor(sizeCase.file.text.size());
+    Register("enumerate/floor" + suffix, [fnEnumerateFloor](benchmark::State &state) {
         for (auto _ : state)
-            FloorRead(sizeCase.readPath.c_str(), sizeCase.file.text.size());
+            fnEnumerateFloor();
     });
-
     Register(
         "enumerate/paired" + suffix,
-        [&sizeCase, nSections](benchmark::State &state) {
+        [&sizeCase, nSections, fnEnumerateFloor](benchmark::State &state) {
             const char *szPath = sizeCase.readPath.c_str();
             RunPaired(
                 state, kLookupBatch, [&] { return OursEnumerate(szPath) == nSections; },
-                [&] { return FloorRead(szPath, sizeCase.file.text.size()); });
+                fnEnumerateFloor);
         },
         true);
 
@@ -603,16 +613,16 @@ void RegisterScans(const SizeCase &sizeCase, const std::string &suffix) {
             }
         }
     });
-    Register("find_line/floor" + suffix, [&sizeCase](benchmark::State &state) {
+    const auto fnFindFloor = fnFloor(sizeCase.file.nFindLineEnd);
+    Register("find_line/floor" + suffix, [fnFindFloor](benchmark::State &state) {
         for (auto _ : state)
-            FloorRead(sizeCase.readPath.c_str(), sizeCase.file.nFindLineEnd);
+            fnFindFloor();
     });
     Register(
         "find_line/paired" + suffix,
-        [&sizeCase](benchmark::State &state) {
+        [&sizeCase, fnFindFloor](benchmark::State &state) {
             RunPaired(
-                state, kLookupBatch, [&] { return OursFindLine(sizeCase); },
-                [&] { return FloorRead(sizeCase.readPath.c_str(), sizeCase.file.nFindLineEnd); });
+                state, kLookupBatch, [&] { return OursFindLine(sizeCase); }, fnFindFloor);
         },
         true);
 }
@@ -703,8 +713,7 @@ void RegisterPairedWrite(const std::string &name, const WriteOperation &op, cons
                          const BenchFile &file) {
     const WriteTarget ours = MakeWriteTarget(stem + "paired-ours", file);
     const WriteTarget floor = MakeWriteTarget(stem + "paired-floor", file);
-    auto pBuffer =
-        std::make_shared<std::vector<char>>(file.text.size() + kBlockSize + kBlockAlignment);
+    auto pBuffer = std::make_shared<FloorBuffer>(file.text.size());
     Register(
         name,
         [&op, ours, floor, pBuffer](benchmark::State &state) {
@@ -720,7 +729,8 @@ void RegisterPairedWrite(const std::string &name, const WriteOperation &op, cons
             };
             RunPaired(
                 state, 1, [&] { return op.fnOurs(ours.path.c_str(), *ours.pFile, nIteration++); },
-                [&] { return FloorRewrite(floor, *pBuffer, RewriteFloor::Floor); }, fnRestore);
+                [&] { return FloorRewrite(floor, pBuffer->data(), RewriteFloor::Floor); },
+                fnRestore);
         },
         true);
 }
@@ -762,14 +772,13 @@ void RegisterWrites(const SizeCase &sizeCase, const std::string &suffix) {
                    {RewriteFloor::Protocol, "protocol"},
                    {RewriteFloor::Streamed, "streamed"}};
     for (const auto &floor : kFloors) {
-        // One buffer per benchmark, large enough for the whole file.
-        auto pBuffer = std::make_shared<std::vector<char>>(sizeCase.file.text.size() + kBlockSize +
-                                                           kBlockAlignment);
+        // One buffer per benchmark, as large as the file.
+        auto pBuffer = std::make_shared<FloorBuffer>(sizeCase.file.text.size());
         RegisterWrite(
             std::string("rewrite/") + floor.szName + suffix,
             MakeWriteTarget("rewrite-" + size + "-" + floor.szName, sizeCase.file),
             [pBuffer, kind = floor.kind](const WriteTarget &t, int64_t) {
-                return FloorRewrite(t, *pBuffer, kind);
+                return FloorRewrite(t, pBuffer->data(), kind);
             },
             false);
     }
