@@ -670,7 +670,7 @@ The block is what a call reads a file through: a lookup reads it block by
 block, a change reads and writes it block by block up to the change and
 hands the rest to the kernel (`copy_file_range`). A larger block saves a
 read (and for a change a write) per block of a large file and costs as much
-stack. Stack measured by the stack test (`tests/stack_test`: each operation
+stack. Stack measured by the footprint test (`tests/footprint_test`: each operation
 on a thread whose stack was filled with a pattern, the C library and the
 trace formatting included), with the trace channel silent and at level 8;
 speed as ratios to the baseline, the lowest and the highest of the gets

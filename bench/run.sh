@@ -46,10 +46,10 @@ configure_and_build() {
     cmake -S "$source" -B "$dir" "${generator[@]}" -DCFGFILE_BUILD_TOOLS=OFF "$@" >/dev/null
     cmake --build "$dir" -j"$jobs" --target "${targets[@]}" >/dev/null
 }
-configure_and_build "$build" "$root" cfgfile cfgfile_bench alloc_count stack_test -- \
+configure_and_build "$build" "$root" cfgfile cfgfile_bench alloc_count footprint_test -- \
     -DCMAKE_BUILD_TYPE=Release -DCFGFILE_BUILD_BENCH=ON -DCFGFILE_BUILD_TESTS=ON \
     -DCFGFILE_IO_BLOCK=1280
-configure_and_build "$large" "$root" cfgfile stack_test -- \
+configure_and_build "$large" "$root" cfgfile footprint_test -- \
     -DCMAKE_BUILD_TYPE=Release -DCFGFILE_BUILD_TESTS=ON -DCFGFILE_IO_BLOCK="$large_block"
 rm -rf "$baseline"
 mkdir -p "$baseline/source"
@@ -109,8 +109,8 @@ load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 # Stack use, measured: each operation on a thread whose stack was filled
 # with a pattern. The large block exceeds the budgets the test checks, so its
 # verdict is not taken; the figures are.
-"$build/tests/stack_test" >"$work/stack-now.txt"
-"$large/tests/stack_test" >"$work/stack-large.txt" || true
+"$build/tests/footprint_test" >"$work/stack-now.txt"
+"$large/tests/footprint_test" >"$work/stack-large.txt" || true
 
 # Stack use, by function: the library's sources compiled once more with the
 # flags of the build, plus the per-function frame sizes and the call graph.
