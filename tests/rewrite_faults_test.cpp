@@ -12,6 +12,7 @@
 
 extern "C" void CfgFileSeam_Arm(int nCall, int nErrno);
 extern "C" void CfgFileSeam_RefuseLinks(int bRefuse);
+extern "C" void CfgFileSeam_RefuseSyncs(int bRefuse);
 extern "C" int CfgFileSeam_Calls(void);
 
 using namespace cfgtest;
@@ -86,6 +87,17 @@ TEST_P(RewriteFaults, FailedOrKilledCallLeavesWholeFile) {
     }
     printf("[ CRASHES  ] %s: %d crash points with links, %d without; whole at %d\n", op.name,
            nCalls, nCalls, nWhole);
+}
+
+// A new file that could not be synced to disk is never swapped in.
+TEST_P(RewriteFaults, UnsyncedFileIsNeverSwappedIn) {
+    WriteFile(file, kInput);
+    CfgFileSeam_Arm(0, 0);
+    CfgFileSeam_RefuseSyncs(1);
+    const int iRetCode = Run();
+    CfgFileSeam_RefuseSyncs(0);
+    EXPECT_EQ(CFGFILE_FAILURE, iRetCode);
+    EXPECT_EQ(kInput, ReadFile(file));
 }
 
 // A temporary file that no change holds (its process died) is taken over;

@@ -33,6 +33,7 @@ int g_nSeamCalls = 0;
 int g_nSeamTarget = 0;
 int g_nSeamErrno = 0;
 bool g_bSeamRefuseLinks = false;
+bool g_bSeamRefuseSyncs = false;
 } // namespace
 
 // nCall: the call to act on (1 = first; 0 disarms). nErrno > 0: that call
@@ -50,6 +51,11 @@ extern "C" CFGFILE_API int CfgFileSeam_Calls() {
 // bRefuse: hard links fail with EPERM, as on vfat.
 extern "C" CFGFILE_API void CfgFileSeam_RefuseLinks(int bRefuse) {
     g_bSeamRefuseLinks = bRefuse != 0;
+}
+
+// bRefuse: syncing a new file fails with EIO, as a failing disk would.
+extern "C" CFGFILE_API void CfgFileSeam_RefuseSyncs(int bRefuse) {
+    g_bSeamRefuseSyncs = bRefuse != 0;
 }
 
 namespace cfglib {
@@ -72,6 +78,13 @@ int LinkFile(const char *szOld, const char *szNew) {
     if (!g_bSeamRefuseLinks)
         return link(szOld, szNew);
     errno = EPERM;
+    return -1;
+}
+
+int SyncFile(int fd) {
+    if (!g_bSeamRefuseSyncs)
+        return fsync(fd);
+    errno = EIO;
     return -1;
 }
 

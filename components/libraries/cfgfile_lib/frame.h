@@ -80,6 +80,8 @@ bool SeamFails(bool *pbKill);
 void SeamKill();
 // Hard links, refused with EPERM when the test says so (as on vfat).
 int LinkFile(const char *szOld, const char *szNew);
+// fsync of a new file, failing with EIO when the test says so.
+int SyncFile(int fd);
 
 template <class Call, class Result> Result Sys(Call call, Result failure) {
     bool bKill = false;
@@ -97,6 +99,10 @@ template <class Call, class Result> inline Result Sys(Call call, Result) {
 
 inline int LinkFile(const char *szOld, const char *szNew) {
     return link(szOld, szNew);
+}
+
+inline int SyncFile(int fd) {
+    return fsync(fd);
 }
 #endif
 

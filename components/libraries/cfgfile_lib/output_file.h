@@ -62,7 +62,7 @@ class OutputFile {
     // earlier write, failed.
     bool Commit(bool bSync) {
         const bool bOk = Flush();
-        return (!bSync || Sys([&] { return fsync(m_fd); }, -1) == 0) && bOk;
+        return (!bSync || Sys([&] { return SyncFile(m_fd); }, -1) == 0) && bOk;
     }
 
   private:
