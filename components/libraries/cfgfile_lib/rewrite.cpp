@@ -313,17 +313,31 @@ bool IsRegularOrMissing(int fd, struct stat *pst, bool *pbMissing) {
 
 // For a name that could not be opened since what it leads to is missing:
 // -1 with errno ENOENT when nothing stands there, EEXIST for a link that
-// leads nowhere, which is never replaced by a new file.
+// leads nowhere, which is never replaced by a new file, and EAGAIN when a
+// file stands there after all (another change just created it).
 int NothingAt(const char *szPath) {
     struct stat st;
-    errno = lstat(szPath, &st) == 0 ? EEXIST : ENOENT;
+    if (lstat(szPath, &st) != 0)
+        errno = ENOENT;
+    else
+        errno = S_ISLNK(st.st_mode) && stat(szPath, &st) != 0 ? EEXIST : EAGAIN;
     return -1;
 }
 
-// Opens szPath for a change: -1 with errno when it cannot.
+// Opens szPath for a change: -1 with errno ENOENT when nothing stands there,
+// EEXIST for a link that leads nowhere, or the open's. A file that another
+// change creates meanwhile is opened.
 int OpenForChange(const char *szPath) {
-    const int fd = OpenFile(szPath);
-    return fd < 0 && errno == ENOENT ? NothingAt(szPath) : fd;
+    for (int iTry = 0; iTry < 8; ++iTry) {
+        const int fd = OpenFile(szPath);
+        if (fd >= 0 || errno != ENOENT)
+            return fd;
+        NothingAt(szPath);
+        if (errno != EAGAIN)
+            return -1;
+    }
+    errno = ENOENT; // a file that keeps coming and going counts as missing
+    return -1;
 }
 
 // Opens the file a change works on (-1 with errno when it cannot) and takes
@@ -336,7 +350,7 @@ int OpenForChange(const char *szPath) {
 int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &temp) {
     int fd = OpenRewriteTarget(rules.szFunction, names);
     if (fd == -1 && errno == ENOENT)
-        fd = NothingAt(names.szTarget);
+        fd = OpenForChange(names.szTarget);
     bool bMissing;
     struct stat st;
     if (fd == kTargetTooLong || (fd < 0 && !(rules.bCreatesMissing && errno == ENOENT)) ||
@@ -345,7 +359,8 @@ int OpenExclusively(const RewriteRules &rules, RewriteNames &names, LockedTemp &
     const Deadline deadline;
     temp.Acquire(names.szTmpFileName, deadline);
     while (temp.Held()) {
-        if (!bMissing && LockUntil(fd, F_RDLCK, deadline) == LockResult::Busy)
+        if (deadline.Passed() ||
+            (!bMissing && LockUntil(fd, F_RDLCK, deadline) == LockResult::Busy))
             temp.Release();
         else if (bMissing ? NothingAt(names.szTarget) < 0 && errno == ENOENT
                           : IsFileAt(st, names.szTarget))
