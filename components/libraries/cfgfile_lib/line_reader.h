@@ -18,7 +18,9 @@ namespace cfglib {
 #ifndef CFGFILE_IO_BLOCK
 #define CFGFILE_IO_BLOCK 1280
 #endif
-constexpr size_t kLookupBlockSize = CFGFILE_IO_BLOCK;
+// A lookup keeps no more than its block and a value on its stack, so it
+// reads at least 2 KiB at a time: a file of a hundred lines in one read.
+constexpr size_t kLookupBlockSize = CFGFILE_IO_BLOCK > 2048 ? CFGFILE_IO_BLOCK : 2048;
 constexpr size_t kRewriteBlockSize = CFGFILE_IO_BLOCK;
 // The longest unfinished line carried to the start of the block.
 constexpr size_t kMaxCarry = kLongLineBufferSize - 1;
